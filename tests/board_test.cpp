@@ -158,6 +158,7 @@ TEST_F(BoardTest, RandomGamesAgreeWithSetUp) {
     };
     u64 rng = 0x2545f4914f6cdd1dULL;
     int positions = 0;
+    auto other = std::make_unique<SearchThread>();
     for (const Game& g : games) {
         engine_options.chess960 = g.chess960;
         for (int round = 0; round < 6; ++round) {
@@ -189,7 +190,6 @@ TEST_F(BoardTest, RandomGamesAgreeWithSetUp) {
                 make_checked(thread.get(), m);
                 Position moved = *thread->top;
                 std::string text = fen();
-                auto other = std::make_unique<SearchThread>();
                 set_position(other.get(), text.c_str(), nullptr);
                 const Position& s = *other->top;
                 for (int i = 0; i < 8; ++i) ASSERT_EQ(moved.boards[i], s.boards[i]) << text;
@@ -497,4 +497,66 @@ TEST_F(BoardTest, GeneratorOrder) {
     // A double step giving check can be taken en passant.
     setup("8/8/8/2k5/3Pp3/8/8/4K3 b - d3 0 1");
     EXPECT_NE(find("e4d3"), 0u);
+}
+
+// Mangled FENs and move lists: whatever passes the FEN test must be searchable, and no
+// move list may take the board anywhere a legal game could not.
+TEST_F(BoardTest, MangledInputIsSafe) {
+    const char* seeds[] = {START, KIWIPETE, "8/2p5/3p4/KP5r/1R3p1k/8/4P1P1/8 w - - 0 1",
+                           "bqnb1rkr/pp3ppp/3ppn2/2p5/5P2/P2P4/NPP1P1PP/BQ1BNRKR w HFhf - 2 9"};
+    const char alphabet[] = "pnbrqkPNBRQK12345678/ wb-KQkqAHah0x";
+    u64 rng = 0x9e3779b97f4a7c15ULL;
+    auto next = [&]() {
+        rng ^= rng << 13; rng ^= rng >> 7; rng ^= rng << 17;
+        return rng;
+    };
+    int accepted = 0;
+    for (int i = 0; i < 3000; ++i) {
+        engine_options.chess960 = i & 1;
+        std::string fen = seeds[next() % 4];
+        for (int k = int(next() % 3); k >= 0; --k) fen[next() % fen.size()] = alphabet[next() % (sizeof alphabet - 1)];
+        if (!fen_is_acceptable(fen.c_str())) continue;
+        ++accepted;
+        // A walk of legal moves, cut by one bad word somewhere.
+        auto walk = std::make_unique<SearchThread>();
+        set_position(walk.get(), fen.c_str(), nullptr);
+        std::string moves;
+        u32 good = 0;
+        const int cut = int(next() % 12);
+        for (int k = 0; k < 12; ++k) {
+            ScoredMove legal[MAX_MOVES];
+            ScoredMove* end = gen_legal(walk->top, legal);
+            char text[8];
+            if (k == cut) {
+                std::string word;
+                for (bool known = true; known;) {
+                    word.clear();
+                    for (int c = 4 + int(next() % 2); c > 0; --c) word += alphabet[next() % (sizeof alphabet - 1)];
+                    known = false;
+                    for (ScoredMove* m = legal; m < end; ++m) {
+                        move_text(walk->top, m->move, text);
+                        known |= word == text;
+                    }
+                }
+                moves += word + " ";
+                if (next() & 1) moves += "e2e4 ";
+                break;
+            }
+            if (end == legal) break;
+            u32 m = legal[next() % u64(end - legal)].move;
+            move_text(walk->top, m, text);
+            moves += std::string(text) + (next() % 8 ? " " : "  \t");
+            make_move(walk.get(), m, nullptr);
+            ++good;
+        }
+        char expected[100];
+        position_fen(walk->top, expected);
+        EXPECT_EQ(set_position(thread.get(), fen.c_str(), moves.c_str()), good / 2) << fen << " | " << moves;
+        EXPECT_EQ(this->fen(), expected) << fen << " | " << moves;
+        ScoredMove list[MAX_MOVES];
+        EXPECT_LE(gen_legal(thread->top, list) - list, MAX_MOVES);
+        perft(thread.get(), 2);
+        for (int k = 0; k < 20; ++k) validate_packed_move(thread->top, u32(next() & 0x7fff));
+    }
+    EXPECT_GT(accepted, 300);
 }

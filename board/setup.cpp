@@ -6,6 +6,7 @@
 
 namespace {
 
+// Longer FEN texts are cut here by set_position and refused by fen_is_acceptable.
 constexpr int FEN_BUFFER = 136;
 const char* const START_FEN = "rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - 0 1";
 

@@ -123,8 +123,8 @@ u32 set_position(SearchThread* thread, const char* fen_text, const char* moves_t
 u32 replay_moves(SearchThread* thread, const char* moves_text);
 // True when the FEN describes a position the engine can search safely: at least four
 // words, a placement of exactly 64 squares, one king a side, at most 16 men and 8 pawns
-// a side, no pawn on the first or last rank, the side not to move not in check, and a
-// text shorter than 136 bytes. Callers keep their previous position when it is false.
+// a side, no pawn on the first or last rank, the side not to move not in check, no
+// more than MAX_MOVES pseudo-legal moves, and a text shorter than 136 bytes. Callers keep their previous position when it is false.
 bool fen_is_acceptable(const char* fen_text);
 
 // Generators: fill from `list`, return the end.

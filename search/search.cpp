@@ -40,17 +40,6 @@ inline bool is_quiet_kind(u32 m) {
 }
 inline i32 iabs(i32 x) { return x < 0 ? -x : x; }
 
-inline i32 score_from_tt(i32 s, int ply) {
-    if (s > MATE_THRESHOLD) return s - ply;
-    if (s < -MATE_THRESHOLD) return s + ply;
-    return s;
-}
-inline i32 score_to_tt(i32 s, int ply) {
-    if (s > MATE_THRESHOLD) return s + ply;
-    if (s < -MATE_THRESHOLD) return s - ply;
-    return s;
-}
-
 // Exchange value stored in a losing-capture sort score (one below the true value).
 inline bool in_losing_band(i32 s) { return u32(s) + 2147483645u <= 99999999u; }
 inline i32 see_from_sort_score(i32 s) { return (s + 2047483646) >> 7; }

@@ -281,7 +281,7 @@ i32 search_with_limits(SearchThread* main, int depth, i64 time_ms, u32* best_mov
     }
     sh.tb_root_score = NO_SCORE;
     sh.tb_probe_limit = std::min(engine_options.syzygy_probe_limit, sh.tb_largest);
-    sh.multi_pv_count = 1;
+    sh.multi_pv_count = std::clamp(engine_options.multi_pv, 1, count);
     put_table_move_first(main);
     sh.tt_generation += 0x2000000;
     sh.depth_lock.store(0, std::memory_order_relaxed);

@@ -45,9 +45,10 @@ constexpr int MAX_SEARCH_PLY = 500;
 void put_table_move_first(SearchThread* thread);
 
 // Single-threaded search of the main thread's root (set up by set_position) for tests
-// and tools: to `depth` plies, or until `time_ms` has passed when it is above 0. Returns
-// the score and the best move (0 when the root has no legal move, with the mate or draw
-// score). The depth reached is search_shared.completed_depth afterwards.
+// and tools: to `depth` plies, or until `time_ms` has passed when it is above 0, with
+// the MultiPV option's lines. Returns the score and the best move (0 when the root has
+// no legal move, with the mate or draw score). The depth reached is
+// search_shared.completed_depth afterwards.
 i32 search_with_limits(SearchThread* main, int depth, i64 time_ms, u32* best_move);
 inline i32 search_fixed_depth(SearchThread* main, int depth, u32* best_move) {
     return search_with_limits(main, depth, 0, best_move);

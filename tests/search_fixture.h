@@ -37,12 +37,13 @@ protected:
     }
 
     void fresh_memory() {
-        i64 mark = 0;
-        engine_memory_init(&mark);
+        engine_memory_init(&large_page_mark);
         search_shared.previous_move = search_shared.previous_move_2 = 0;
     }
 
     SearchThread* main_thread() { return search_shared.main_thread; }
+
+    static inline i64 large_page_mark = 0;
 
     void set(const char* fen, const char* moves = nullptr) { set_position(main_thread(), fen, moves); }
 

@@ -1,5 +1,7 @@
 // The search: mates and their distances, draws, determinism and easy tactics.
 #include <cctype>
+#include <climits>
+#include <cstring>
 #include <string>
 #include "search_fixture.h"
 
@@ -35,31 +37,32 @@ bool all_replies_mated(SearchThread* t, int n) {
     return true;
 }
 
-// The same position with the colours exchanged (board mirrored top to bottom).
-std::string mirror_fen(const std::string& fen) {
-    std::string fields[4];
-    size_t pos = 0;
-    for (int i = 0; i < 4; ++i) {
-        size_t next = fen.find(' ', pos);
-        fields[i] = fen.substr(pos, next - pos);
-        pos = next + 1;
-    }
-    std::string rest = fen.substr(pos);
-    std::string ranks[8];
-    int r = 0;
-    for (char c : fields[0]) {
-        if (c == '/')
+// The same position with the colours exchanged (board mirrored top to bottom); for
+// positions without castling rights or en-passant square.
+std::string mirror_fen(const char* fen) {
+    char ranks[8][16] = {};
+    int r = 0, len = 0;
+    const char* p = fen;
+    for (; *p && *p != ' '; ++p) {
+        if (*p == '/') {
             ++r;
-        else
-            ranks[r] += char(std::isupper(c) ? std::tolower(c) : std::toupper(c));
+            len = 0;
+        } else {
+            ranks[r][len++] = char(std::isupper(*p) ? std::tolower(*p) : std::toupper(*p));
+        }
     }
-    std::string board;
-    for (int i = 7; i >= 0; --i) board += ranks[i] + (i ? "/" : "");
-    std::string castling = fields[2];
-    for (char& c : castling) c = char(std::isupper(c) ? std::tolower(c) : std::toupper(c));
-    std::string ep = fields[3];
-    if (ep != "-") ep[1] = ep[1] == '3' ? '6' : '3';
-    return board + (fields[1] == "w" ? " b " : " w ") + castling + " " + ep + " " + rest;
+    char out[128];
+    int n = 0;
+    for (int i = 7; i >= 0; --i) {
+        for (const char* c = ranks[i]; *c; ++c) out[n++] = *c;
+        if (i) out[n++] = '/';
+    }
+    ++p;  // side
+    out[n++] = ' ';
+    out[n++] = *p == 'w' ? 'b' : 'w';
+    for (++p; *p; ++p) out[n++] = *p;
+    out[n] = 0;
+    return out;
 }
 
 struct MateCase {
@@ -70,7 +73,7 @@ struct MateCase {
 const MateCase MATES[] = {
     {"6k1/5ppp/8/8/8/8/8/R5K1 w - - 0 1", 1},
     {"k7/8/2K5/8/8/8/8/1R6 w - - 0 1", 2},
-    {"8/8/8/8/8/2k5/6Q1/K7 w - - 0 1", 3},
+    {"6k1/4K3/8/8/8/4R3/8/8 w - - 0 1", 3},
 };
 
 }  // namespace
@@ -80,14 +83,16 @@ using SearchTest = SearchFixture;
 TEST_F(SearchTest, MatesAreFoundAtTheirDistanceForBothColours) {
     for (const MateCase& c : MATES) {
         for (int colour = 0; colour < 2; ++colour) {
-            std::string fen = colour ? mirror_fen(c.fen) : std::string(c.fen);
+            std::string fen = colour ? mirror_fen(c.fen) : c.fen;
             SCOPED_TRACE(fen);
             fresh_memory();
             set(fen.c_str());
             ASSERT_TRUE(mates_within(main_thread(), c.moves));
-            if (c.moves > 1) ASSERT_FALSE(mates_within(main_thread(), c.moves - 1));
+            if (c.moves > 1) {
+                ASSERT_FALSE(mates_within(main_thread(), c.moves - 1));
+            }
             u32 best = 0;
-            i32 score = search_depth(2 * c.moves + 1, &best);
+            i32 score = search_depth(2 * c.moves + 3, &best);  // a little slack for reductions
             EXPECT_EQ(score, MATE_VALUE - (2 * c.moves - 1));
             ASSERT_NE(best, 0u);
             // The move played keeps the mate at the same distance.
@@ -120,7 +125,8 @@ TEST_F(SearchTest, MateScoresSurviveInTheTableAcrossPlies) {
     make_move(main_thread(), best, nullptr);
     u32 reply = 0;
     EXPECT_EQ(search_fixed_depth(main_thread(), 6, &reply), 4 - MATE_VALUE);
-    line += " " + text(reply);
+    line += ' ';
+    line += text(reply);
     set(fen, line.c_str());
     EXPECT_EQ(search_depth(4, &best), MATE_VALUE - 3);
 }
@@ -151,15 +157,19 @@ TEST_F(SearchTest, StalemateRepetitionAndMaterialDrawsScoreDrawValue) {
 TEST_F(SearchTest, FiftyMoveRule) {
     engine_options.draw_score = 13;
     u32 best = 0;
+    // The key has no move count, so each case starts from a clear table.
     // The mate that makes the count 100 is still mate.
     set("6k1/5ppp/8/8/8/8/8/R5K1 w - - 99 1");
     EXPECT_EQ(search_depth(4, &best), MATE_VALUE - 1);
     // A mate in two cannot finish inside the count: every line is a draw.
+    fresh_memory();
     set("k7/8/2K5/8/8/8/8/1R6 w - - 99 1");
     EXPECT_EQ(search_depth(6, &best), 13);
+    fresh_memory();
     set("k7/8/2K5/8/8/8/8/1R6 w - - 98 1");
     EXPECT_EQ(search_depth(6, &best), 13);
     // Three plies to go: the mate in two lands on the hundredth.
+    fresh_memory();
     set("k7/8/2K5/8/8/8/8/1R6 w - - 97 1");
     EXPECT_EQ(search_depth(6, &best), MATE_VALUE - 3);
 }
@@ -231,4 +241,105 @@ TEST_F(SearchTest, TimedSearchStopsWithALegalMove) {
     bool legal = false;
     for (ScoredMove* e = list; e < end; ++e) legal |= e->move == best;
     EXPECT_TRUE(legal);
+}
+
+TEST_F(SearchTest, MultiPVKeepsTheLinesInOrder) {
+    engine_options.multi_pv = 3;
+    set("4k3/8/8/3q4/8/8/3R4/4K3 w - - 0 1");
+    u32 best = 0;
+    search_depth(7, &best);
+    SearchThread* t = main_thread();
+    EXPECT_EQ(search_shared.multi_pv_count, 3);
+    EXPECT_EQ(text(t->root_moves[0].move), "d2d5");
+    EXPECT_GE(t->root_scores[1], t->root_scores[2]);
+    // The other lines are searched with their own windows, not as bounds below the
+    // first: giving up the queen capture costs about a queen.
+    EXPECT_GT(t->root_scores[0] - t->root_scores[1], 500);
+    EXPECT_GT(t->root_scores[1], -MATE_THRESHOLD);
+}
+
+namespace {
+void* run_worker(void* record) {
+    search_root(static_cast<SearchThread*>(record));
+    return nullptr;
+}
+}  // namespace
+
+TEST_F(SearchTest, SeveralThreadsShareTheDepths) {
+    engine_options.threads = 3;
+    fresh_memory();
+    ASSERT_EQ(search_shared.thread_count, 3);
+    set("r4rk1/1p2bppp/p3bn2/8/Pq1BP3/1BN1Q3/1PP3PP/R3K2R w KQ - 0 1");
+    SearchShared& sh = search_shared;
+    SearchThread* main = main_thread();
+    main->root_end = generate_root_moves(main, main->root_moves);
+
+    // What the driver of a search prepares before it starts the workers.
+    search_limits.mode.store(0);
+    search_limits.node_limit = INT64_MAX;
+    search_limits.depth_limit = 9;
+    search_limits.stop.store(0);
+    search_limits.soft_deadline = search_limits.hard_deadline = i64(1) << 60;
+    search_limits.check_interval = search_limits.next_check = 10000;
+    sh.start_time = now_ms();
+    sh.tb_root_score = NO_SCORE;
+    sh.tb_probe_limit = 0;
+    sh.multi_pv_count = 1;
+    int height = int(main->top - main->stack);
+    std::memcpy(sh.root_stack, main->stack, sizeof(Position) * size_t(height + 1));
+    sh.root_top = sh.root_stack + height;
+    int count = int(main->root_end - main->root_moves);
+    std::memcpy(sh.root_moves_copy, main->root_moves, sizeof(ScoredMove) * size_t(count));
+    sh.root_moves_end = sh.root_moves_copy + count;
+    sh.tt_generation += 0x2000000;
+    sh.completed_depth.store(0);
+    sh.depth_lock.store(0);
+    for (int i = 0; i < 3; ++i) main[i].nodes.store(0);
+
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setstacksize(&attr, 16u << 20);
+    bool started[3] = {};
+    for (int i = 1; i < 3; ++i) started[i] = pthread_create(&main[i].thread_handle, &attr, run_worker, main + i) == 0;
+    pthread_attr_destroy(&attr);
+    search_root(main);
+    set_stop();
+    for (int i = 1; i < 3; ++i)
+        if (started[i]) pthread_join(main[i].thread_handle, nullptr);
+
+    EXPECT_EQ(sh.completed_depth.load(), 9);
+    ScoredMove legal[MAX_MOVES];
+    ScoredMove* end = gen_legal(main->top, legal);
+    for (int i = 0; i < 3; ++i) {
+        SCOPED_TRACE(i);
+        if (i > 0 && !started[i]) continue;
+        EXPECT_GT(main[i].nodes.load(), 0);
+        EXPECT_EQ(main[i].top, main[i].stack + height);  // back at the root after the stop
+        bool found = false;
+        for (ScoredMove* e = legal; e < end; ++e) found |= e->move == main[i].root_moves[0].move;
+        EXPECT_TRUE(found);
+        EXPECT_LE(main[i].progress.load() >> 24, 9);
+    }
+    // The root entry holds the move of the thread that finished depth 9 first.
+    u64 data;
+    ASSERT_TRUE(tt_read(main->top->key, &data));
+    EXPECT_EQ(tt_depth_byte(data), 128 + 9);
+    EXPECT_EQ(tt_bound(data), BOUND_EXACT);
+}
+
+TEST_F(SearchTest, LinesStopAtTheEndOfThePositionStack) {
+    // A root seven records below the end of the stack: every line must end there.
+    set("r4rk1/1p2bppp/p3bn2/8/Pq1BP3/1BN1Q3/1PP3PP/R3K2R w KQ - 0 1");
+    SearchThread* t = main_thread();
+    Position* high = t->stack + (STACK_SIZE - 8);
+    *high = *t->top;
+    t->top = high;
+    std::memset(static_cast<void*>(&t->stack[STACK_SIZE - 1]), 0, sizeof(Position));
+    u32 best = 0;
+    i32 score = search_depth(12, &best);
+    // Lines reached the last record, and nothing behind the stack was overwritten.
+    EXPECT_NE(t->stack[STACK_SIZE - 1].key, 0u);
+    EXPECT_EQ(t->top, high);
+    EXPECT_NE(best, 0u);
+    EXPECT_LT(score < 0 ? -score : score, MATE_THRESHOLD);
 }

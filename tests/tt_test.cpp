@@ -104,3 +104,21 @@ TEST_F(TTFixture, MateScoresAreNodeRelative) {
     EXPECT_EQ(score_from_tt(-MATE_THRESHOLD, 9), -MATE_THRESHOLD);
     EXPECT_EQ(score_to_tt(MATE_THRESHOLD + 1, 9), MATE_THRESHOLD + 10);
 }
+
+TEST_F(TTFixture, LargePagesAreOptionalAndAnnouncedOnlyOnSuccess) {
+    engine_options.large_pages = true;
+    engine_options.hash_mb = 2;
+    testing::internal::CaptureStdout();
+    fresh_memory();
+    std::string said = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(said, large_page_mark ? "Allocated large pages\n" : "");
+    ASSERT_NE(search_shared.tt, nullptr);
+    EXPECT_EQ(search_shared.tt_mask + 1, 131072u);
+    tt_write(42, tt_pack(3, 0, BOUND_EXACT, 0, 1, 2));
+    u64 data;
+    EXPECT_TRUE(tt_read(42, &data));
+    // The next allocation releases the block by the way it was made.
+    engine_options.large_pages = false;
+    fresh_memory();
+    EXPECT_EQ(large_page_mark, 0);
+}

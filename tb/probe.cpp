@@ -322,20 +322,17 @@ static i32 material_bonus(const Position* pos) {
     return c < -200 ? -200 : c > 200 ? 200 : c;
 }
 
-i32 tb_root_filter(SearchThread* thread) {
+i32 tb_root_distances(SearchThread* thread, i32* dtz, i32* distance) {
     i32 success;
-    i32 dtz = tb_probe_dtz(thread, &success);
-    if (success == 0) return NO_SCORE;
-
+    *dtz = tb_probe_dtz(thread, &success);
+    if (success == 0) return 0;
     ScoredMove* list = thread->root_moves;
     int count = int(thread->root_end - list);
-    i32 distance[MAX_MOVES];
-    const Position* root = thread->top;
     for (int i = 0; i < count; ++i) {
         make_move(thread, list[i].move, nullptr);
         const Position* next = thread->top;
         bool mate = false;
-        if ((next->flags & POS_IN_CHECK) && dtz > 0) {
+        if ((next->flags & POS_IN_CHECK) && *dtz > 0) {
             ScoredMove replies[MAX_MOVES];
             ScoredMove* end = gen_evasions(next, replies, 0);
             mate = true;
@@ -352,8 +349,18 @@ i32 tb_root_filter(SearchThread* thread) {
             distance[i] = wdl_to_dtz[-r + 2];
         }
         thread->top -= 1;
-        if (success == 0) return NO_SCORE;
+        if (success == 0) return 0;
     }
+    return 1;
+}
+
+i32 tb_root_filter(SearchThread* thread) {
+    i32 dtz;
+    i32 distance[MAX_MOVES];
+    if (!tb_root_distances(thread, &dtz, distance)) return NO_SCORE;
+    ScoredMove* list = thread->root_moves;
+    int count = int(thread->root_end - list);
+    const Position* root = thread->top;
 
     int clock = root->halfmove_clock;
     i32 c = material_bonus(root);

@@ -17,6 +17,7 @@ char** tb_paths;
 i32 tb_path_count;
 i32 wdl_file_count, dtz_file_count;
 std::atomic<i32> tb_load_lock;
+bool tb_disk_first;
 
 static char* tb_path_text;
 
@@ -219,9 +220,9 @@ bool tb_load_file(TableEntry* e, const char* name, int type) {
     const u8* view = nullptr;
     u64 size = 0;
 
-    if (strlen(name) >= 6) {
-        int fd = tb_open_file(name, ext);
-        if (fd < 0) return false;
+    bool disk_only = strlen(name) >= 6;
+    int fd = disk_only || tb_disk_first ? tb_open_file(name, ext) : -1;
+    if (fd >= 0) {
         struct stat st;
         if (fstat(fd, &st) != 0) {
             close(fd);
@@ -242,6 +243,8 @@ bool tb_load_file(TableEntry* e, const char* name, int type) {
         }
         view = static_cast<const u8*>(m);
         e->mapping[type] = size;
+    } else if (disk_only) {
+        return false;
     } else {
         char file_name[40];
         snprintf(file_name, sizeof file_name, "%s%s", name, ext);

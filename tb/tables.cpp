@@ -71,7 +71,7 @@ static void build_constant_tables() {
     }
 }
 
-void tb_build_index_tables() {
+void tb_init_index_tables() {
     for (int k = 0; k < 7; ++k)
         for (int n = 0; n < 64; ++n) {
             if (k == 0)

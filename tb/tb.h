@@ -14,7 +14,7 @@ i32 tb_probe_dtz(SearchThread* thread, i32* success);
 i32 tb_root_filter(SearchThread* thread);
 
 // Builds the index arithmetic tables; runs once at start-up, before the first tb_init.
-void tb_build_index_tables();
+void tb_init_index_tables();
 
 // ---------------------------------------------------------------------------------
 // Records and routines behind the probes (also used by tools and tests).
@@ -114,6 +114,9 @@ extern char** tb_paths;
 extern i32 tb_path_count;
 extern i32 wdl_file_count, dtz_file_count;
 extern std::atomic<i32> tb_load_lock;
+// Off in the engine. When set, the compiled-in names are looked for in the SyzygyPath
+// directories first, so that tests can read the same files from disk.
+extern bool tb_disk_first;
 
 // Index tables.
 extern u64 binomial[7][64];
@@ -152,3 +155,6 @@ u64 tb_encode_position(i32* p, const IndexLayout* layout, const TableEntry* entr
 // Probes.
 i32 tb_probe_table(SearchThread* thread, i32 wdl, i32* success, int type);
 i32 tb_probe_captures(SearchThread* thread, i32 alpha, i32 beta, i32* success);
+// The root's DTZ and, for each root move in list order, the plies to a zeroing move
+// of the result it keeps (positive win, negative loss, 0 draw); 0 when a probe failed.
+i32 tb_root_distances(SearchThread* thread, i32* dtz, i32* distance);

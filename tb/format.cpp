@@ -30,7 +30,7 @@ static inline u32 read_be32(const u8* p, const u8* end) {
     if (end - p >= 4) {
         u32 v;
         memcpy(&v, p, 4);
-        return __builtin_bswap32(v);
+        return u32(bswap64(v) >> 32);
     }
     u32 v = 0;
     for (int i = 0; i < 4; ++i) v = v << 8 | (p + i < end ? p[i] : 0);

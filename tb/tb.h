@@ -15,9 +15,6 @@ i32 tb_probe_dtz(SearchThread* thread, i32* success);
 // NO_SCORE when the tables had no answer.
 i32 tb_root_filter(SearchThread* thread);
 
-// Builds the index arithmetic tables; runs once at start-up, before the first tb_init.
-void tb_init_index_tables();
-
 // ---------------------------------------------------------------------------------
 // Records and routines behind the probes (also used by tools and tests).
 

@@ -3,7 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include "eval/network.h"
+// network_startup_check comes from the evaluation module.
+void network_startup_check();
 #include "search/search.h"
 #include "search/think.h"
 #include "tb/tb.h"

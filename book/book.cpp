@@ -95,8 +95,10 @@ u32 book_word_to_move(const Position* pos, u16 word) {
     int from = ((word >> 6) & 63) ^ flip;
     int to = (word & 63) ^ flip;
     int promotion = (word >> 12) & 7;
-    // Codes 5 to 7 are no piece: masked, they leave no stray bit above the field.
-    u32 move = make_move_word(NO_PIECE, from, to) | u32(promotion ? (promotion + 1) & 7 : 0) << 18;
+    // Codes 5 to 7 are no piece: masked, they leave no stray bit above the field. The
+    // promotion flag is what makes the move text show the letter.
+    u32 move = make_move_word(NO_PIECE, from, to);
+    if (promotion) move |= u32((promotion + 1) & 7) << 18 | MOVE_IS_PROMOTION;
     // Castling is stored as the king taking its own rook.
     const u64 own_king = pos->kings & pos->own;
     int short_rook = pos->castling & 15;

@@ -55,6 +55,12 @@ static int cmd_show(const char* path, const std::string& fen) {
         std::fprintf(stderr, "vestra-book: bad FEN: %s\n", fen.c_str());
         return 1;
     }
+    if (FILE* f = std::fopen(path, "rb"))
+        std::fclose(f);
+    else {
+        std::fprintf(stderr, "vestra-book: cannot open %s\n", path);
+        return 1;
+    }
     set_position(thread.get(), fen.c_str(), nullptr);
     const Position* pos = thread->top;
     u64 key = book_key(pos);
@@ -326,7 +332,7 @@ static bool read_pgn(Builder& b, const char* path) {
         } else {
             std::string token;
             while (c != EOF && !std::isspace(c) && !std::strchr("{}()[];", c)) {
-                token += char(c);
+                if (token.size() < 64) token += char(c);  // longer is no move anyway
                 c = std::fgetc(f);
             }
             if (token.empty()) {  // a lone bracket inside a variation, or '}' / ']'
@@ -424,7 +430,10 @@ int main(int argc, char** argv) {
     set_default_options(&engine_options);
     if (argc >= 4 && !std::strcmp(argv[1], "show")) {
         std::string fen;
-        for (int i = 3; i < argc; ++i) fen += (i > 3 ? " " : "") + std::string(argv[i]);
+        for (int i = 3; i < argc; ++i) {
+            if (i > 3) fen += ' ';
+            fen += argv[i];
+        }
         if (fen == "startpos") fen = START_FEN;
         return cmd_show(argv[2], fen);
     }

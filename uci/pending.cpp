@@ -21,8 +21,6 @@ WEAK i32 tb_init(const char*) { return 0; }
 WEAK i32 tb_probe_wdl(SearchThread*, i32*) { pending("tb_probe_wdl"); }
 WEAK i32 tb_probe_dtz(SearchThread*, i32*) { pending("tb_probe_dtz"); }
 WEAK i32 tb_root_filter(SearchThread*) { pending("tb_root_filter"); }
-WEAK bool probe_book(SearchThread*) { return false; }
-WEAK u64 book_key(const Position*) { pending("book_key"); }
 WEAK i32 lmr_table[2][128][128];
 WEAK void init_lmr_table() {}
 WEAK void engine_memory_init(i64*) { pending("engine_memory_init"); }

@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include "book/book.h"
 #include "search/search.h"
-#include "tb/tb.h"
 
 [[noreturn]] static void pending(const char* name) {
     std::fprintf(stderr, "pending: %s is not merged yet\n", name);
@@ -16,11 +15,6 @@
 WEAK void network_startup_check() {}
 WEAK i32 evaluate(SearchThread*, int) { pending("evaluate"); }
 WEAK void catch_up(SearchThread*, int) { pending("catch_up"); }
-WEAK void tb_init_index_tables() {}
-WEAK i32 tb_init(const char*) { return 0; }
-WEAK i32 tb_probe_wdl(SearchThread*, i32*) { pending("tb_probe_wdl"); }
-WEAK i32 tb_probe_dtz(SearchThread*, i32*) { pending("tb_probe_dtz"); }
-WEAK i32 tb_root_filter(SearchThread*) { pending("tb_root_filter"); }
 WEAK i32 lmr_table[2][128][128];
 WEAK void init_lmr_table() {}
 WEAK void engine_memory_init(i64*) { pending("engine_memory_init"); }

@@ -15,8 +15,6 @@
 WEAK void network_startup_check() {}
 WEAK i32 evaluate(SearchThread*, int) { pending("evaluate"); }
 WEAK void catch_up(SearchThread*, int) { pending("catch_up"); }
-WEAK bool probe_book(SearchThread*) { return false; }
-WEAK u64 book_key(const Position*) { pending("book_key"); }
 WEAK i32 lmr_table[2][128][128];
 WEAK void init_lmr_table() {}
 WEAK void engine_memory_init(i64*) { pending("engine_memory_init"); }

@@ -45,6 +45,7 @@ std::unique_ptr<SearchThread> new_thread() {
         set_default_options(&engine_options);
         tables = true;
     }
+    network_startup_check();  // working copies of whichever image is in use
     return std::make_unique<SearchThread>();
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <vector>
 #include "eval/kernels.h"
 #include "search/thread.h"
@@ -65,6 +66,7 @@ std::unique_ptr<SearchThread> new_thread() {
         init_board_tables();
         tables = true;
     }
+    network_startup_check();  // working copies of whichever image is in use
     return std::make_unique<SearchThread>();
 }
 
@@ -130,7 +132,8 @@ TEST(Network, ImageLayoutAndStartupCheck) {
     }
     EXPECT_EQ(std::memcmp(hidden1_working, network_image->hidden1_weights, sizeof hidden1_working), 0);
 
-    const char* path = "eval_test_image.tmp";
+    std::string file = ::testing::TempDir() + "vestra_eval_image_" + std::to_string(getpid());
+    const char* path = file.c_str();
     ASSERT_TRUE(network_write_file(path, good.get()));
     ImagePtr back(network_alloc());
     ASSERT_TRUE(network_read_file(path, back.get()));

@@ -1,0 +1,114 @@
+// Drives the real engine binary through pipes, with deadlines on every read so that a
+// hung engine fails the test instead of hanging it.
+#pragma once
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <chrono>
+#include <string>
+#include <vector>
+
+struct EnginePipe {
+    pid_t pid = -1;
+    int to_engine = -1;
+    int from_engine = -1;
+    std::string pending;
+    std::vector<std::string> lines;  // every line read so far
+
+    explicit EnginePipe(const std::vector<std::string>& args = {}) {
+        int in[2], out[2];
+        if (pipe(in) != 0 || pipe(out) != 0) return;
+        pid = fork();
+        if (pid == 0) {
+            dup2(in[0], 0);
+            dup2(out[1], 1);
+            close(in[1]);
+            close(out[0]);
+            std::vector<char*> argv{const_cast<char*>(VESTRA_ENGINE_PATH)};
+            for (auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+            argv.push_back(nullptr);
+            execv(VESTRA_ENGINE_PATH, argv.data());
+            _exit(127);
+        }
+        close(in[0]);
+        close(out[1]);
+        to_engine = in[1];
+        from_engine = out[0];
+        signal(SIGPIPE, SIG_IGN);
+    }
+
+    ~EnginePipe() {
+        if (to_engine >= 0) close(to_engine);
+        if (pid > 0) {
+            for (int i = 0; i < 100 && waitpid(pid, nullptr, WNOHANG) == 0; ++i) usleep(20000);
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+        if (from_engine >= 0) close(from_engine);
+    }
+
+    void send(const std::string& text) {
+        size_t done = 0;
+        while (done < text.size()) {
+            ssize_t n = write(to_engine, text.data() + done, text.size() - done);
+            if (n <= 0) return;
+            done += size_t(n);
+        }
+    }
+
+    // Next whole line, or false at the deadline or end of output.
+    bool read_line(std::string* line, int timeout_ms) {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+        for (;;) {
+            size_t nl = pending.find('\n');
+            if (nl != std::string::npos) {
+                *line = pending.substr(0, nl);
+                pending.erase(0, nl + 1);
+                lines.push_back(*line);
+                return true;
+            }
+            int left = int(std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
+                                                                                 std::chrono::steady_clock::now())
+                               .count());
+            if (left <= 0) return false;
+            pollfd p{from_engine, POLLIN, 0};
+            if (poll(&p, 1, left) <= 0) continue;
+            char buf[4096];
+            ssize_t n = read(from_engine, buf, sizeof buf);
+            if (n <= 0) return false;
+            pending.append(buf, size_t(n));
+        }
+    }
+
+    // Reads until a line starting with `prefix`; returns it, or "" on timeout.
+    std::string wait_for(const std::string& prefix, int timeout_ms = 10000) {
+        std::string line;
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+        for (;;) {
+            int left = int(std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
+                                                                                 std::chrono::steady_clock::now())
+                               .count());
+            if (left <= 0 || !read_line(&line, left)) return "";
+            if (line.rfind(prefix, 0) == 0) return line;
+        }
+    }
+
+    // Closes input and returns the exit status (-1 if it had to be killed).
+    int finish(int timeout_ms = 5000) {
+        if (to_engine >= 0) close(to_engine);
+        to_engine = -1;
+        int status = 0;
+        for (int waited = 0; waited < timeout_ms; waited += 10) {
+            pid_t r = waitpid(pid, &status, WNOHANG);
+            if (r == pid) {
+                pid = -1;
+                return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+            }
+            std::string line;
+            read_line(&line, 10);
+        }
+        return -1;
+    }
+};

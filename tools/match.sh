@@ -1,0 +1,54 @@
+#!/usr/bin/env bash
+# Plays a match or gauntlet with fastchess and prints the result.
+#
+#   tools/match.sh [options] ENGINE_A ENGINE_B [ENGINE_C ...]
+#     -g GAMES      games against each opponent (default 100, rounded up to pairs)
+#     -t TC         time control, fastchess syntax (default 1+0.01)
+#     -c N          games at once (default 1)
+#     -o "OPTS"     UCI options for the first engine, e.g. "option.Threads=2"
+#     -p FILE       PGN output (default tools/work/match-<time>.pgn)
+#   ENGINE is a path to a UCI binary, optionally "path args" (e.g. "/usr/games/gnuchess --uci")
+#
+# The first engine plays every other one (a gauntlet). Openings come from
+# tests/data/openings.epd, in random order, each played with both colours.
+# FASTCHESS may point at the runner; by default ../shared/tools/fastchess is used.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+fastchess=${FASTCHESS:-$root/../shared/tools/fastchess}
+games=100 tc=1+0.01 concurrency=1 first_opts="" pgn=""
+while getopts "g:t:c:o:p:" opt; do
+  case $opt in
+    g) games=$OPTARG ;; t) tc=$OPTARG ;; c) concurrency=$OPTARG ;;
+    o) first_opts=$OPTARG ;; p) pgn=$OPTARG ;;
+    *) sed -n '2,14p' "$0"; exit 2 ;;
+  esac
+done
+shift $((OPTIND - 1))
+[ $# -ge 2 ] || { sed -n '2,14p' "$0"; exit 2; }
+[ -x "$fastchess" ] || { echo "fastchess not found at $fastchess (set FASTCHESS)"; exit 2; }
+mkdir -p "$root/tools/work"
+pgn=${pgn:-$root/tools/work/match-$(date +%Y%m%d-%H%M%S).pgn}
+
+engine_args=()
+i=0
+for e in "$@"; do
+  cmd=${e%% *}; args=""
+  [ "$cmd" != "$e" ] && args=${e#* }
+  name=$(basename "$cmd")-$i
+  spec=(-engine "cmd=$cmd" "name=$name")
+  [ -n "$args" ] && spec+=("args=$args")
+  if [ $i -eq 0 ] && [ -n "$first_opts" ]; then
+    for o in $first_opts; do spec+=("$o"); done
+  fi
+  engine_args+=("${spec[@]}")
+  i=$((i + 1))
+done
+
+rounds=$(( (games + 1) / 2 ))
+"$fastchess" "${engine_args[@]}" -each tc="$tc" proto=uci \
+  -tournament gauntlet -seeds 1 -rounds "$rounds" -games 2 -repeat \
+  -concurrency "$concurrency" -recover \
+  -openings file="$root/tests/data/openings.epd" format=epd order=random \
+  -pgnout file="$pgn" 2>&1 | tee "${pgn%.pgn}.log" | grep -E -i 'Results of|Elo|Games|Ptnml|LOS|time|illegal|disconnect|crash|Finished' || true
+echo "PGN: $pgn"
+echo "log: ${pgn%.pgn}.log"

@@ -1,0 +1,10 @@
+// The command loop and its handlers.
+#pragma once
+#include "board/bitops.h"
+
+// One line, as read (terminated, line feed included when there was one).
+// Returns false when the line asks to leave (quit).
+bool handle_line(char* line);
+void uci_startup();
+void uci_shutdown();
+void run_benchmark();

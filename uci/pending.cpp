@@ -13,9 +13,6 @@
 }
 
 #define WEAK __attribute__((weak))
-WEAK void network_startup_check() {}
-WEAK i32 evaluate(SearchThread*, int) { pending("evaluate"); }
-WEAK void catch_up(SearchThread*, int) { pending("catch_up"); }
 WEAK void tb_init_index_tables() {}
 WEAK i32 tb_init(const char*) { return 0; }
 WEAK i32 tb_probe_wdl(SearchThread*, i32*) { pending("tb_probe_wdl"); }

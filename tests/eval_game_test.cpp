@@ -5,66 +5,9 @@
 #include <memory>
 #include <string>
 #include <vector>
-#include "eval/kernels.h"
-#include "search/thread.h"
+#include "eval_test_util.h"
 
 namespace {
-
-struct Rng {
-    u64 s;
-    u64 next() {
-        s ^= s >> 12;
-        s ^= s << 25;
-        s ^= s >> 27;
-        return s * 0x2545f4914f6cdd1dULL;
-    }
-    int below(int n) { return int(next() % u64(n)); }
-};
-
-struct ImageDeleter {
-    void operator()(NetworkImage* p) const { network_free(p); }
-};
-using ImagePtr = std::unique_ptr<NetworkImage, ImageDeleter>;
-
-struct UseImage {
-    const NetworkImage* saved = network_image;
-    explicit UseImage(const NetworkImage* image) {
-        network_image = image;
-        network_startup_check();
-    }
-    ~UseImage() {
-        network_image = saved;
-        network_startup_check();
-    }
-};
-
-std::unique_ptr<SearchThread> new_thread() {
-    static bool tables = false;
-    if (!tables) {
-        init_board_tables();
-        set_default_options(&engine_options);
-        tables = true;
-    }
-    network_startup_check();  // working copies of whichever image is in use
-    return std::make_unique<SearchThread>();
-}
-
-// Every row different, so that a wrong row, half or king square shows in the sums.
-ImagePtr distinct_rows_image() {
-    ImagePtr net(network_alloc());
-    Rng r{77};
-    i16* w = &net->feature_weights[0][0];
-    for (size_t i = 0; i < size_t(NET_FEATURES + 2) * NET_HALF; ++i) w[i] = i16(int(r.below(129)) - 64);
-    for (auto& b : net->feature_biases) b = i16(int(r.below(201)) - 100);
-    for (auto& row : net->hidden1_weights)
-        for (auto& v : row) v = i8(int(r.below(9)) - 4);
-    for (auto& row : net->hidden2_weights)
-        for (auto& v : row) v = i8(int(r.below(33)) - 16);
-    for (auto& v : net->output_weights) v = i8(int(r.below(129)) - 64);
-    for (auto& b : net->hidden1_biases) b = int(r.below(2001)) - 1000;
-    for (auto& b : net->hidden2_biases) b = int(r.below(2001)) - 1000;
-    return net;
-}
 
 // Sums of the top position built from nothing.
 void expect_fresh(SearchThread* t, int ply, const char* where) {
@@ -158,7 +101,7 @@ const Start STARTS[] = {
 // evaluated ply must hold exactly the sums of a rebuild, with both kernels.
 TEST(Accumulator, IncrementalEqualsRefreshAlongRandomGames) {
     auto t = new_thread();
-    ImagePtr net = distinct_rows_image();
+    ImagePtr net = random_image(77, 64, 4, 1000);  // every row different
     UseImage use(net.get());
     Rng r{2024};
     bool saved = engine_options.chess960;
@@ -254,7 +197,7 @@ TEST(Accumulator, RowNumbers) {
 // position for the side to move, so every sum and the score must stay the same.
 TEST(Evaluation, SymmetricUnderColourFlip) {
     auto t = new_thread();
-    ImagePtr net = distinct_rows_image();
+    ImagePtr net = random_image(77, 64, 4, 1000);  // every row different
     UseImage use(net.get());
     Rng r{99};
     bool saved = engine_options.chess960;

@@ -5,7 +5,8 @@
 // "incremental": random game walks from the start position, make_move with the
 // delta and evaluate after every move, as the search does (the figure includes
 // make_move and the move choice, which is the same work for both kernels; the
-// "no eval" line measures that part alone).
+// "no eval" line measures that part alone, and "sums" adds catch_up without the
+// small layers).
 // Each is run with the build's kernels and with the plain-integer ones; the two
 // checksums of a pair must agree.
 #include <ctime>
@@ -118,6 +119,11 @@ void bench_incremental(SearchThread* thread, long long evals, u64 seed, const ch
 
 // The walk alone (move generation, choice, make_move), to set against the above.
 i32 no_evaluation(SearchThread*, int) { return 0; }
+// The accumulator alone.
+i32 sums_only(SearchThread* thread, int ply) {
+    catch_up(thread, ply);
+    return thread->ply_records[ply].sums[0][0];
+}
 
 }  // namespace
 
@@ -150,6 +156,7 @@ int main(int argc, char** argv) {
     bench_incremental<evaluate>(thread.get(), n, seed, "build");
 #endif
     bench_incremental<evaluate_scalar>(thread.get(), n, seed, "scalar");
+    bench_incremental<sums_only>(thread.get(), n, seed, "sums");
     bench_incremental<no_evaluation>(thread.get(), n, seed, "no eval");
     return 0;
 }

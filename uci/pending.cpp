@@ -1,9 +1,8 @@
 // Integration placeholders: weak definitions of routines whose modules are still
-// being merged. Each real definition overrides its placeholder; this file goes away
-// once every module is in.
+// being merged. Each placeholder must be deleted when its module arrives, since a
+// weak definition linked first keeps the real one out of a static library.
 #include <cstdio>
 #include <cstdlib>
-#include "book/book.h"
 #include "search/search.h"
 
 [[noreturn]] static void pending(const char* name) {
@@ -12,9 +11,6 @@
 }
 
 #define WEAK __attribute__((weak))
-WEAK void network_startup_check() {}
-WEAK i32 evaluate(SearchThread*, int) { pending("evaluate"); }
-WEAK void catch_up(SearchThread*, int) { pending("catch_up"); }
 WEAK i32 lmr_table[2][128][128];
 WEAK void init_lmr_table() {}
 WEAK void engine_memory_init(i64*) { pending("engine_memory_init"); }

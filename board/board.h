@@ -145,5 +145,8 @@ i32 see(const Position* pos, u32 move);
 // Move text: from, to, promotion letter; castling as king onto rook under Chess960.
 void move_text(const Position* pos, u32 move, char* buffer);
 
-// The FEN of a position (real colours), for tools and tests.
+// The FEN of a position (real colours), for tools and tests; buffer of 100 bytes.
 void position_fen(const Position* pos, char* buffer);
+
+// Leaf count of the legal move tree of the thread's top position to `depth` plies.
+u64 perft(SearchThread* thread, int depth);

@@ -1,0 +1,36 @@
+// Leaf counts of the legal move tree, through the same generators, tags and make_move
+// that the search uses.
+#include "board/board.h"
+#include "search/thread.h"
+
+// The pseudo-legal moves of the top position, tagged the way the search tags them:
+// quiet moves keep the generator's mark, all others go through tag_check when made.
+static ScoredMove* gen_all(const Position* p, ScoredMove* list) {
+    if (p->flags & POS_IN_CHECK) return gen_evasions(p, list, 1);
+    ScoredMove* end = gen_underpromotions(p, list);
+    end = gen_quiets(p, end, 0);
+    return gen_captures(p, end);
+}
+
+u64 perft(SearchThread* thread, int depth) {
+    if (depth <= 0) return 1;
+    ScoredMove list[MAX_MOVES];
+    const Position* p = thread->top;
+    ScoredMove* end = gen_all(p, list);
+    u64 nodes = 0;
+    if (depth == 1) {
+        for (ScoredMove* m = list; m < end; ++m) nodes += leaves_king_attacked(p, m->move) == 0;
+        return nodes;
+    }
+    const bool in_check = p->flags & POS_IN_CHECK;
+    for (ScoredMove* m = list; m < end; ++m) {
+        u32 mv = m->move;
+        if (leaves_king_attacked(p, mv)) continue;
+        // Quiet moves carry their mark from gen_quiets; everything else is tagged here.
+        if (in_check || (mv & (MOVE_IS_CAPTURE | MOVE_IS_PROMOTION))) tag_check(p, &mv);
+        make_move(thread, mv, nullptr);
+        nodes += perft(thread, depth - 1);
+        --thread->top;
+    }
+    return nodes;
+}

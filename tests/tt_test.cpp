@@ -90,21 +90,6 @@ TEST_F(TTFixture, StoreProbeRoundTripAndTornEntries) {
     EXPECT_FALSE(tt_read(other, &read));
 }
 
-TEST_F(TTFixture, MateScoresAreNodeRelative) {
-    // A mate found 5 plies below a node at ply 7 is stored as the node's own distance
-    // and read back at ply 3 as 5 plies from there.
-    const i32 mate_from_root_at_ply_12 = MATE_VALUE - 12;
-    i32 stored = score_to_tt(mate_from_root_at_ply_12, 7);
-    EXPECT_EQ(stored, MATE_VALUE - 5);
-    EXPECT_EQ(score_from_tt(stored, 3), MATE_VALUE - 8);
-    i32 mated = score_to_tt(10 - MATE_VALUE, 4);
-    EXPECT_EQ(score_from_tt(mated, 1), 7 - MATE_VALUE);
-    // Plain scores are left alone, right up to the edge of the mate range.
-    EXPECT_EQ(score_to_tt(MATE_THRESHOLD, 9), MATE_THRESHOLD);
-    EXPECT_EQ(score_from_tt(-MATE_THRESHOLD, 9), -MATE_THRESHOLD);
-    EXPECT_EQ(score_to_tt(MATE_THRESHOLD + 1, 9), MATE_THRESHOLD + 10);
-}
-
 TEST_F(TTFixture, LargePagesAreOptionalAndAnnouncedOnlyOnSuccess) {
     engine_options.large_pages = true;
     engine_options.hash_mb = 2;

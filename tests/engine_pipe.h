@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <chrono>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -95,19 +96,20 @@ struct EnginePipe {
         }
     }
 
-    // Closes input and returns the exit status (-1 if it had to be killed).
+    // Closes input and returns the exit status (-1 if it did not end in time).
     int finish(int timeout_ms = 5000) {
         if (to_engine >= 0) close(to_engine);
         to_engine = -1;
-        int status = 0;
-        for (int waited = 0; waited < timeout_ms; waited += 10) {
-            pid_t r = waitpid(pid, &status, WNOHANG);
-            if (r == pid) {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+        while (std::chrono::steady_clock::now() < deadline) {
+            int status = 0;
+            if (waitpid(pid, &status, WNOHANG) == pid) {
                 pid = -1;
+                if (WIFSIGNALED(status)) std::fprintf(stderr, "engine killed by signal %d\n", WTERMSIG(status));
                 return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
             }
             std::string line;
-            read_line(&line, 10);
+            if (!read_line(&line, 10)) usleep(10000);
         }
         return -1;
     }

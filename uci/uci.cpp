@@ -3,8 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-// network_startup_check comes from the evaluation module.
-void network_startup_check();
+#include "eval/network.h"
 #include "search/search.h"
 #include "search/think.h"
 #include "tb/tb.h"

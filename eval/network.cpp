@@ -1,0 +1,66 @@
+#include "eval/network.h"
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+extern "C" const unsigned char vestra_network_image[], vestra_network_image_end[];
+
+const NetworkImage* network_image = reinterpret_cast<const NetworkImage*>(vestra_network_image);
+
+alignas(64) i8 hidden1_working[NET_HIDDEN1][NET_INPUTS];
+alignas(64) i8 hidden2_working[NET_HIDDEN2][NET_HIDDEN1];
+alignas(64) i8 output_working[NET_HIDDEN2];
+
+int network_check(const NetworkImage* image, char* message, size_t size) {
+    for (int layer = 0; layer < 4; ++layer) {
+        i32 found = image->fraction_bits[layer];
+        if (found != NET_FRACTION_BITS[layer]) {
+            std::snprintf(message, size, "Bit decimali L%d non corretti! Valore corretto %d\n", layer + 1, int(found));
+            return layer + 1;
+        }
+    }
+    if (size) message[0] = 0;
+    return 0;
+}
+
+void network_startup_check() {
+    std::memcpy(hidden1_working, network_image->hidden1_weights, sizeof hidden1_working);
+    std::memcpy(hidden2_working, network_image->hidden2_weights, sizeof hidden2_working);
+    std::memcpy(output_working, network_image->output_weights, sizeof output_working);
+    char message[96];
+    if (network_check(network_image, message, sizeof message)) {
+        std::fputs(message, stdout);
+        std::fflush(stdout);
+        std::exit(1);
+    }
+}
+
+NetworkImage* network_alloc() {
+    void* block = std::aligned_alloc(64, sizeof(NetworkImage));
+    if (!block) return nullptr;
+    std::memset(block, 0, sizeof(NetworkImage));
+    NetworkImage* image = static_cast<NetworkImage*>(block);
+    for (int layer = 0; layer < 4; ++layer) image->fraction_bits[layer] = NET_FRACTION_BITS[layer];
+    image->trailer_one = 1;
+    image->trailer_offset = i32(NET_OFF_TRAILER_ONE);
+    return image;
+}
+
+void network_free(NetworkImage* image) { std::free(image); }
+
+bool network_read_file(const char* path, NetworkImage* image) {
+    FILE* f = std::fopen(path, "rb");
+    if (!f) return false;
+    size_t got = std::fread(image, 1, sizeof(NetworkImage), f);
+    bool exact = got == sizeof(NetworkImage) && std::fgetc(f) == EOF;
+    std::fclose(f);
+    return exact;
+}
+
+bool network_write_file(const char* path, const NetworkImage* image) {
+    FILE* f = std::fopen(path, "wb");
+    if (!f) return false;
+    bool ok = std::fwrite(image, 1, sizeof(NetworkImage), f) == sizeof(NetworkImage);
+    ok = (std::fclose(f) == 0) && ok;
+    return ok;
+}

@@ -1,0 +1,102 @@
+// The network image: one flat little-endian block of 20,990,976 bytes holding every
+// weight of the 2 x 256, 32, 32, 1 network. The engine reads it in place; tools
+// (statistics, the network maker, later the trainer) build and inspect images
+// through the same record and helpers, so the layout exists exactly once.
+#pragma once
+#include <cstddef>
+#include "board/bitops.h"
+
+constexpr int NET_FEATURES = 40960;        // piece rows: plane * 4096 + square * 64 + king
+constexpr int NET_CASTLING_ROW = 40960;    // own king-side right; 40961 own queen-side
+constexpr int NET_HALF = 256;              // sums per side
+constexpr int NET_INPUTS = 512;            // both halves, side to move first
+constexpr int NET_HIDDEN1 = 32;
+constexpr int NET_HIDDEN2 = 32;
+
+// Byte offsets of the sections.
+constexpr size_t NET_OFF_FEATURE_WEIGHTS = 0x0000000;
+constexpr size_t NET_OFF_CASTLING_WEIGHTS = 0x1400000;
+constexpr size_t NET_OFF_FEATURE_BIASES = 0x1400400;
+constexpr size_t NET_OFF_HIDDEN1_WEIGHTS = 0x1400600;
+constexpr size_t NET_OFF_HIDDEN1_BIASES = 0x1404600;
+constexpr size_t NET_OFF_HIDDEN2_WEIGHTS = 0x1404680;
+constexpr size_t NET_OFF_HIDDEN2_BIASES = 0x1404a80;
+constexpr size_t NET_OFF_OUTPUT_WEIGHTS = 0x1404b00;
+constexpr size_t NET_OFF_OUTPUT_BIAS = 0x1404b40;
+constexpr size_t NET_OFF_FRACTION_BITS = 0x1404b44;
+constexpr size_t NET_OFF_TRAILER_ONE = 0x1404b80;
+constexpr size_t NET_OFF_TRAILER_OFFSET = 0x1404bc0;
+constexpr size_t NET_IMAGE_SIZE = 0x1404c00;  // 20,990,976
+
+// Fractional bits the arithmetic of the forward pass is built for, layer by layer.
+constexpr i32 NET_FRACTION_BITS[4] = {4, 3, 3, 2};
+
+struct alignas(64) NetworkImage {
+    i16 feature_weights[NET_FEATURES][NET_HALF];
+    i16 castling_weights[2][NET_HALF];
+    i16 feature_biases[NET_HALF];
+    i8 hidden1_weights[NET_HIDDEN1][NET_INPUTS];  // [output][input]
+    i32 hidden1_biases[NET_HIDDEN1];
+    i8 hidden2_weights[NET_HIDDEN2][NET_HIDDEN1];
+    i32 hidden2_biases[NET_HIDDEN2];
+    i8 output_weights[NET_HIDDEN2];
+    u8 zero0[32];
+    i32 output_bias;
+    i32 fraction_bits[4];
+    u8 zero1[44];
+    i32 trailer_one;     // 1; not read by the engine
+    u8 zero2[60];
+    i32 trailer_offset;  // offset of trailer_one; not read by the engine
+    u8 zero3[60];
+};
+
+static_assert(sizeof(NetworkImage) == NET_IMAGE_SIZE);
+static_assert(offsetof(NetworkImage, feature_weights) == NET_OFF_FEATURE_WEIGHTS);
+static_assert(offsetof(NetworkImage, castling_weights) == NET_OFF_CASTLING_WEIGHTS);
+static_assert(offsetof(NetworkImage, feature_biases) == NET_OFF_FEATURE_BIASES);
+static_assert(offsetof(NetworkImage, hidden1_weights) == NET_OFF_HIDDEN1_WEIGHTS);
+static_assert(offsetof(NetworkImage, hidden1_biases) == NET_OFF_HIDDEN1_BIASES);
+static_assert(offsetof(NetworkImage, hidden2_weights) == NET_OFF_HIDDEN2_WEIGHTS);
+static_assert(offsetof(NetworkImage, hidden2_biases) == NET_OFF_HIDDEN2_BIASES);
+static_assert(offsetof(NetworkImage, output_weights) == NET_OFF_OUTPUT_WEIGHTS);
+static_assert(offsetof(NetworkImage, output_bias) == NET_OFF_OUTPUT_BIAS);
+static_assert(offsetof(NetworkImage, fraction_bits) == NET_OFF_FRACTION_BITS);
+static_assert(offsetof(NetworkImage, trailer_one) == NET_OFF_TRAILER_ONE);
+static_assert(offsetof(NetworkImage, trailer_offset) == NET_OFF_TRAILER_OFFSET);
+
+// The row of a feature (0..40961): the castling rows follow the piece rows directly.
+inline const i16* network_row(const NetworkImage* image, int row) {
+    return &image->feature_weights[0][0] + size_t(row) * NET_HALF;
+}
+inline i16* network_row(NetworkImage* image, int row) {
+    return &image->feature_weights[0][0] + size_t(row) * NET_HALF;
+}
+// Row of a man seen by its owner: plane 0..4 the owner's P..Q, 5..9 the enemy's;
+// square and king square in the owner's frame.
+constexpr int feature_row(int plane, int square, int king) { return plane * 4096 + square * 64 + king; }
+
+// The image compiled into the program. Only tools point it elsewhere (before the
+// start-up check); the engine never changes it.
+extern const NetworkImage* network_image;
+
+// Working copies of the three small matrices, refreshed by the start-up check.
+extern i8 hidden1_working[NET_HIDDEN1][NET_INPUTS];
+extern i8 hidden2_working[NET_HIDDEN2][NET_HIDDEN1];
+extern i8 output_working[NET_HIDDEN2];
+
+// Checks that an image was quantised for this engine's shifts. Returns 0 when it
+// fits; otherwise the number (1..4) of the first layer whose fractional bits differ,
+// with the message for it written to `message` (room for 96 bytes).
+int network_check(const NetworkImage* image, char* message, size_t size);
+// Copies the working matrices from `network_image` and checks it; a misfit prints the
+// message on standard output and ends the process with status 1.
+void network_startup_check();
+
+// Image files for tools. A new image is zero apart from the fraction bits and the two
+// trailer words; freed with network_free.
+NetworkImage* network_alloc();
+void network_free(NetworkImage* image);
+// Reads a file of exactly NET_IMAGE_SIZE bytes; false if it cannot be read or its size
+// differs.
+bool network_read_file(const char* path, NetworkImage* image);
+bool network_write_file(const char* path, const NetworkImage* image);

@@ -1,0 +1,114 @@
+// vestra-net: looks into a network image and evaluates positions with it.
+//
+//   vestra-net [--net FILE] [--chess960] --stats      statistics of every section
+//   vestra-net [--net FILE] [--chess960] FEN...       evaluate each FEN argument
+//   vestra-net [--net FILE] [--chess960]              evaluate FENs read from stdin
+//
+// Without --net the image compiled into the program is used. Scores are the engine's
+// static evaluation: from the side to move's view, and also from White's.
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+#include "eval/network.h"
+#include "search/thread.h"
+
+namespace {
+
+template <class T>
+void section(const char* name, const T* values, size_t count) {
+    long long lo = values[0], hi = values[0], nonzero = 0;
+    double total = 0;
+    for (size_t i = 0; i < count; ++i) {
+        long long v = values[i];
+        lo = v < lo ? v : lo;
+        hi = v > hi ? v : hi;
+        total += double(v);
+        nonzero += v != 0;
+    }
+    std::printf("%-18s %9zu values  min %7lld  max %7lld  mean %10.4f  nonzero %lld\n", name, count, lo, hi,
+                total / double(count), nonzero);
+}
+
+void print_stats(const NetworkImage* net) {
+    section("feature_weights", &net->feature_weights[0][0], size_t(NET_FEATURES) * NET_HALF);
+    section("castling_weights", &net->castling_weights[0][0], 2 * NET_HALF);
+    section("feature_biases", net->feature_biases, NET_HALF);
+    section("hidden1_weights", &net->hidden1_weights[0][0], size_t(NET_HIDDEN1) * NET_INPUTS);
+    section("hidden1_biases", net->hidden1_biases, NET_HIDDEN1);
+    section("hidden2_weights", &net->hidden2_weights[0][0], size_t(NET_HIDDEN2) * NET_HIDDEN1);
+    section("hidden2_biases", net->hidden2_biases, NET_HIDDEN2);
+    section("output_weights", net->output_weights, NET_HIDDEN2);
+    std::printf("output_bias        %d\n", int(net->output_bias));
+    std::printf("fraction_bits      %d %d %d %d (expected %d %d %d %d)\n", int(net->fraction_bits[0]),
+                int(net->fraction_bits[1]), int(net->fraction_bits[2]), int(net->fraction_bits[3]),
+                int(NET_FRACTION_BITS[0]), int(NET_FRACTION_BITS[1]), int(NET_FRACTION_BITS[2]),
+                int(NET_FRACTION_BITS[3]));
+    std::printf("trailer            %d at 0x%x, 0x%x\n", int(net->trailer_one), unsigned(NET_OFF_TRAILER_ONE),
+                unsigned(net->trailer_offset));
+    char message[96];
+    if (network_check(net, message, sizeof message)) std::printf("check: %s", message);
+    else std::printf("check: fits the engine's arithmetic\n");
+}
+
+void evaluate_fen(SearchThread* thread, const std::string& fen) {
+    if (!fen_is_acceptable(fen.c_str())) {
+        std::printf("%s | not an acceptable position\n", fen.c_str());
+        return;
+    }
+    set_position(thread, fen.c_str(), "");
+    thread->ply_records[0].computed = 0;
+    i32 score = evaluate(thread, 0);
+    i32 white = (thread->top->flags & POS_BLACK) ? -score : score;
+    std::printf("%s | eval %d (side to move), %d (White)\n", fen.c_str(), int(score), int(white));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const char* net_path = nullptr;
+    bool stats = false;
+    std::vector<std::string> fens;
+    set_default_options(&engine_options);
+    for (int i = 1; i < argc; ++i) {
+        if (!std::strcmp(argv[i], "--net") && i + 1 < argc) net_path = argv[++i];
+        else if (!std::strcmp(argv[i], "--stats")) stats = true;
+        else if (!std::strcmp(argv[i], "--chess960")) engine_options.chess960 = true;
+        else if (argv[i][0] == '-') {
+            std::fprintf(stderr, "usage: vestra-net [--net FILE] [--chess960] [--stats] [FEN...]\n");
+            return 2;
+        } else fens.push_back(argv[i]);
+    }
+
+    NetworkImage* loaded = nullptr;
+    if (net_path) {
+        loaded = network_alloc();
+        if (!loaded || !network_read_file(net_path, loaded)) {
+            std::fprintf(stderr, "cannot read a %zu-byte image from %s\n", NET_IMAGE_SIZE, net_path);
+            return 1;
+        }
+        network_image = loaded;
+    }
+    if (stats) {
+        print_stats(network_image);
+        network_free(loaded);
+        return 0;
+    }
+
+    init_board_tables();
+    network_startup_check();
+    auto thread = std::make_unique<SearchThread>();
+    if (fens.empty()) {
+        char line[1024];
+        while (std::fgets(line, sizeof line, stdin)) {
+            std::string fen(line);
+            while (!fen.empty() && (fen.back() == '\n' || fen.back() == '\r' || fen.back() == ' ')) fen.pop_back();
+            if (!fen.empty()) evaluate_fen(thread.get(), fen);
+        }
+    } else {
+        for (const std::string& fen : fens) evaluate_fen(thread.get(), fen);
+    }
+    network_free(loaded);
+    return 0;
+}

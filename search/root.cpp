@@ -13,16 +13,6 @@ namespace {
 
 inline bool is_underpromotion(u32 m) { return (m & MOVE_IS_PROMOTION) && move_promotion(m) != QUEEN; }
 
-inline void select_best_to_end(ScoredMove* begin, ScoredMove* end) {
-    ScoredMove* best = end - 1;
-    for (ScoredMove* p = end - 1; p != begin;) {
-        --p;
-        if (p->score > best->score) best = p;
-    }
-    ScoredMove tmp = *best;
-    *best = end[-1];
-    end[-1] = tmp;
-}
 
 // Towards zero, so that long-lived history fades symmetrically.
 void halve(i16* cells, size_t count) {
@@ -213,7 +203,7 @@ ScoredMove* generate_root_moves(SearchThread* t, ScoredMove* out) {
 
     ScoredMove* o = out;
     for (ScoredMove* rest = kept; rest > list; --rest) {
-        select_best_to_end(list, rest);
+        pick_best(list, rest);
         *o++ = rest[-1];
     }
     return o;

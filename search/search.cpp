@@ -99,17 +99,6 @@ inline bool tb_probe_allowed(const Position* pos) {
            pos->castling == 0x8888;
 }
 
-// Between equal scores the entry nearest the end wins, that is the one generated last.
-inline void pick_best(ScoredMove* begin, ScoredMove* end) {
-    ScoredMove* best = end - 1;
-    for (ScoredMove* p = end - 1; p != begin;) {
-        --p;
-        if (p->score > best->score) best = p;
-    }
-    ScoredMove tmp = *best;
-    *best = end[-1];
-    end[-1] = tmp;
-}
 
 void score_quiets(SearchThread* t, const Position* pos, ScoredMove* begin, ScoredMove* end, u32 prev_move,
                   u32 prev_move_2) {

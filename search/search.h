@@ -53,3 +53,15 @@ i32 search_with_limits(SearchThread* main, int depth, i64 time_ms, u32* best_mov
 inline i32 search_fixed_depth(SearchThread* main, int depth, u32* best_move) {
     return search_with_limits(main, depth, 0, best_move);
 }
+
+// Between equal scores the entry nearest the end wins, that is the one generated last.
+inline void pick_best(ScoredMove* begin, ScoredMove* end) {
+    ScoredMove* best = end - 1;
+    for (ScoredMove* p = end - 1; p != begin;) {
+        --p;
+        if (p->score > best->score) best = p;
+    }
+    ScoredMove tmp = *best;
+    *best = end[-1];
+    end[-1] = tmp;
+}

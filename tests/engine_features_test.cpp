@@ -14,40 +14,13 @@ namespace {
 
 const char* const START = "rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - 0 1";
 
-void init_board_once() {
+void tables_ready() {
     static bool done = false;
     if (done) return;
-    set_default_options(&engine_options);
-    init_board_tables();
+    board_after(START, nullptr);
     tb_init_index_tables();
     tb_init("<empty>");
     done = true;
-}
-
-// Plays `moves` from `fen` and returns the thread, for legality and table checks.
-std::unique_ptr<SearchThread> position_after(const char* fen, const std::string& moves) {
-    init_board_once();
-    auto t = std::make_unique<SearchThread>();
-    set_position(t.get(), fen, moves.empty() ? nullptr : moves.c_str());
-    return t;
-}
-
-bool is_legal(const char* fen, const std::string& moves, const std::string& text) {
-    auto t = position_after(fen, moves);
-    ScoredMove list[MAX_MOVES];
-    ScoredMove* end = gen_legal(t->top, list);
-    for (ScoredMove* p = list; p < end; ++p) {
-        char buf[8];
-        move_text(t->top, p->move, buf);
-        if (text == buf) return true;
-    }
-    return false;
-}
-
-std::string bestmove_word(const std::string& line) {
-    if (line.rfind("bestmove ", 0) != 0) return "";
-    std::string rest = line.substr(9);
-    return rest.substr(0, rest.find(' '));
 }
 
 int field(const std::string& line, const std::string& name) {
@@ -67,7 +40,7 @@ TEST(EngineThreads, SeveralThreadsReportEveryDepthOnceAndStopTogether) {
         e.send("setoption name Threads value " + std::to_string(threads) +
                "\nsetoption name Hash value 16\nucinewgame\nposition startpos moves d2d4\ngo depth 9\n");
         std::string best = bestmove_word(e.wait_for("bestmove", 60000));
-        EXPECT_TRUE(is_legal(START, "d2d4", best)) << best;
+        EXPECT_TRUE(is_legal_text(START, "d2d4", best)) << best;
         int expected = 1;
         for (const std::string& l : e.lines) {
             if (l.rfind("info multipv 1 depth ", 0) != 0) continue;
@@ -91,7 +64,7 @@ TEST(EngineThreads, SeveralThreadsReportEveryDepthOnceAndStopTogether) {
             auto start = std::chrono::steady_clock::now();
             e.send("stop\n");
             best = bestmove_word(e.wait_for("bestmove", 5000));
-            EXPECT_TRUE(is_legal(START, "", best)) << best;
+            EXPECT_TRUE(is_legal_text(START, "", best)) << best;
             EXPECT_LT(elapsed_ms(start), 2000);
         }
         e.send("quit\n");
@@ -132,7 +105,7 @@ TEST(EngineStrength, WeakSettingStaysInsideTheClock) {
     auto start = std::chrono::steady_clock::now();
     e.send("go wtime 3000 btime 3000\n");
     std::string best = bestmove_word(e.wait_for("bestmove", 10000));
-    EXPECT_TRUE(is_legal(START, "", best)) << best;
+    EXPECT_TRUE(is_legal_text(START, "", best)) << best;
     EXPECT_LT(elapsed_ms(start), 2900);
     // The waits limit the depth: at 960 ms per depth, a 3 s clock leaves very few.
     int deepest = 0;
@@ -163,12 +136,12 @@ TEST(EngineBook, BookMovesAnswerAtOnceAndFailuresFallThrough) {
     e.send("go infinite\n");
     EXPECT_NE(e.wait_for("info", 5000), "");
     e.send("stop\n");
-    EXPECT_TRUE(is_legal(START, "", bestmove_word(e.wait_for("bestmove", 5000))));
+    EXPECT_TRUE(is_legal_text(START, "", bestmove_word(e.wait_for("bestmove", 5000))));
     e.send("position startpos moves e2e4\ngo depth 3\n");
-    EXPECT_TRUE(is_legal(START, "e2e4", bestmove_word(e.wait_for("bestmove", 10000))));
+    EXPECT_TRUE(is_legal_text(START, "e2e4", bestmove_word(e.wait_for("bestmove", 10000))));
     // A missing file falls through silently.
     e.send("setoption name BookFile value /nonexistent/book.bin\nposition startpos\ngo depth 3\n");
-    EXPECT_TRUE(is_legal(START, "", bestmove_word(e.wait_for("bestmove", 10000))));
+    EXPECT_TRUE(is_legal_text(START, "", bestmove_word(e.wait_for("bestmove", 10000))));
     e.send("quit\n");
     EXPECT_EQ(e.finish(), 0);
     unlink(path);
@@ -190,8 +163,9 @@ TEST(EngineTables, RootFilterKeepsWinsAndDraws) {
     for (const Case& c : cases) {
         e.send(std::string("position fen ") + c.fen + "\ngo depth 6\n");
         std::string best = bestmove_word(e.wait_for("bestmove", 20000));
-        ASSERT_TRUE(is_legal(c.fen, "", best)) << c.fen << " " << best;
-        auto t = position_after(c.fen, best);
+        ASSERT_TRUE(is_legal_text(c.fen, "", best)) << c.fen << " " << best;
+        tables_ready();
+        auto t = board_after(c.fen, best.c_str());
         i32 ok = 0;
         i32 after = tb_probe_wdl(t.get(), &ok);
         ASSERT_TRUE(ok) << c.fen;

@@ -45,6 +45,8 @@ for e in "$@"; do
 done
 
 rounds=$(( (games + 1) / 2 ))
+# fastchess leaves a config.json in its working directory: keep it in tools/work.
+cd "$root/tools/work"
 "$fastchess" "${engine_args[@]}" -each tc="$tc" proto=uci \
   -tournament gauntlet -seeds 1 -rounds "$rounds" -games 2 -repeat \
   -concurrency "$concurrency" -recover \

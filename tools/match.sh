@@ -28,11 +28,13 @@ shift $((OPTIND - 1))
 [ -x "$fastchess" ] || { echo "fastchess not found at $fastchess (set FASTCHESS)"; exit 2; }
 mkdir -p "$root/tools/work"
 pgn=${pgn:-$root/tools/work/match-$(date +%Y%m%d-%H%M%S).pgn}
+case $pgn in /*) ;; *) pgn=$PWD/$pgn ;; esac
 
 engine_args=()
 i=0
 for e in "$@"; do
   cmd=${e%% *}; args=""
+  [ -e "$cmd" ] && cmd=$(cd "$(dirname "$cmd")" && pwd)/$(basename "$cmd")
   [ "$cmd" != "$e" ] && args=${e#* }
   name=$(basename "$cmd")-$i
   spec=(-engine "cmd=$cmd" "name=$name")

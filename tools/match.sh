@@ -37,12 +37,12 @@ for e in "$@"; do
   [ -e "$cmd" ] && cmd=$(cd "$(dirname "$cmd")" && pwd)/$(basename "$cmd")
   [ "$cmd" != "$e" ] && args=${e#* }
   name=$(basename "$cmd")-$i
-  spec=(-engine "cmd=$cmd" "name=$name")
-  [ -n "$args" ] && spec+=("args=$args")
+  entry=(-engine "cmd=$cmd" "name=$name")
+  [ -n "$args" ] && entry+=("args=$args")
   if [ $i -eq 0 ] && [ -n "$first_opts" ]; then
-    for o in $first_opts; do spec+=("$o"); done
+    for o in $first_opts; do entry+=("$o"); done
   fi
-  engine_args+=("${spec[@]}")
+  engine_args+=("${entry[@]}")
   i=$((i + 1))
 done
 

@@ -113,11 +113,18 @@ inline int piece_on(const Position* p, int sq) {
     return NO_PIECE;
 }
 
-// Position set-up (FEN plus move list). Returns moves in the list / 2.
+// Position set-up (FEN plus move list) on the thread's stack; also clears and then
+// sets search_shared.previous_move / previous_move_2. A FEN of fewer than four words
+// sets up the start position. Castling rights without their king and rook in place,
+// and an en-passant field without the pawn that double-stepped, are dropped.
+// The move list stops at the first word that is not a legal move in coordinate
+// notation; the result is the number of moves actually played / 2.
 u32 set_position(SearchThread* thread, const char* fen_text, const char* moves_text);
 u32 replay_moves(SearchThread* thread, const char* moves_text);
-// True when the FEN describes a position the engine can search safely (one king a
-// side, the side not to move not in check, no pawn on the back ranks, at most 32 men).
+// True when the FEN describes a position the engine can search safely: at least four
+// words, a placement of exactly 64 squares, one king a side, at most 16 men and 8 pawns
+// a side, no pawn on the first or last rank, the side not to move not in check, no
+// more than MAX_MOVES pseudo-legal moves, and a text shorter than 136 bytes. Callers keep their previous position when it is false.
 bool fen_is_acceptable(const char* fen_text);
 
 // Generators: fill from `list`, return the end.

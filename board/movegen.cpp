@@ -69,12 +69,14 @@ bool castling_allowed(const Position* p, int side) {
     u64 occ = p->occupied;
     if (!engine_options.chess960) {
         // Classic array: king on e1, rooks in the corners. A king on h2 is left to the
-        // legality test of the destination.
+        // legality test of the destination. The men are looked for only so that a
+        // change of rules under a set-up position cannot conjure a rook.
+        if (!(p->kings & p->own & bit(4)) || !(p->rooks & p->own & bit(side ? 0 : 7))) return false;
         if (side == 0) return !(occ & 0x60) && !rank1_attacked(p, 0x60, bit(15));
         return !(occ & 0x0e) && !rank1_attacked(p, 0x0c, 0);
     }
     int k = own_king_square(p);
-    if (k > 7 || k == r) return false;
+    if (k > 7 || k == r || !(p->rooks & p->own & bit(r))) return false;
     if (castle_empty[side][k][r] & occ) return false;
     u64 far = castle_far[side][r] & occ;
     if (far) {

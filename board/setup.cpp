@@ -6,6 +6,7 @@
 
 namespace {
 
+// Longer FEN texts are cut here by set_position and refused by fen_is_acceptable.
 constexpr int FEN_BUFFER = 136;
 const char* const START_FEN = "rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - 0 1";
 
@@ -207,7 +208,13 @@ bool fen_is_acceptable(const char* fen) {
     }
     if (p.pawns & (RANK_1 | RANK_8)) return false;
     // The side to move must not be able to take the enemy king.
-    return attackers_of(&p, enemy_king_square(&p), p.own, true) == 0;
+    if (attackers_of(&p, enemy_king_square(&p), p.own, true)) return false;
+    // Move lists are sized for every move of a position; a composed position with
+    // more pseudo-legal moves than that is refused rather than overrun.
+    ScoredMove list[1024];
+    ScoredMove* end = (p.flags & POS_IN_CHECK) ? gen_evasions(&p, list, 1)
+                                               : gen_captures(&p, gen_quiets(&p, gen_underpromotions(&p, list), 0));
+    return end - list <= MAX_MOVES;
 }
 
 u32 set_position(SearchThread* thread, const char* fen_text, const char* moves_text) {
@@ -229,7 +236,7 @@ u32 replay_moves(SearchThread* thread, const char* moves_text) {
     if (!moves_text) return 0;
     u32 played = 0;
     const char* c = moves_text;
-    ScoredMove legal[MAX_MOVES];
+    ScoredMove legal[2 * MAX_MOVES];
     for (;;) {
         while (*c && is_blank(*c)) ++c;
         if (!*c) break;

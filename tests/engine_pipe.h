@@ -9,7 +9,10 @@
 #include <chrono>
 #include <cstdio>
 #include <string>
+#include <memory>
 #include <vector>
+#include "board/board.h"
+#include "search/thread.h"
 
 struct EnginePipe {
     pid_t pid = -1;
@@ -114,3 +117,36 @@ struct EnginePipe {
         return -1;
     }
 };
+
+// The move of a "bestmove" line, "" for any other line.
+inline std::string bestmove_word(const std::string& line) {
+    if (line.rfind("bestmove ", 0) != 0) return "";
+    std::string rest = line.substr(9);
+    return rest.substr(0, rest.find(' '));
+}
+
+// The position after `moves` (nullptr or "" for none) from `fen`, set up in-process.
+inline std::unique_ptr<SearchThread> board_after(const char* fen, const char* moves) {
+    static bool ready = false;
+    if (!ready) {
+        set_default_options(&engine_options);
+        init_board_tables();
+        ready = true;
+    }
+    auto thread = std::make_unique<SearchThread>();
+    set_position(thread.get(), fen, moves && *moves ? moves : nullptr);
+    return thread;
+}
+
+// Whether `text` names a legal move after `moves` from `fen`.
+inline bool is_legal_text(const char* fen, const char* moves, const std::string& text) {
+    auto thread = board_after(fen, moves);
+    ScoredMove list[MAX_MOVES];
+    ScoredMove* end = gen_legal(thread->top, list);
+    for (ScoredMove* p = list; p < end; ++p) {
+        char buf[8];
+        move_text(thread->top, p->move, buf);
+        if (text == buf) return true;
+    }
+    return false;
+}

@@ -6,11 +6,6 @@
 
 namespace {
 
-std::string bestmove_word(const std::string& line) {
-    if (line.rfind("bestmove ", 0) != 0) return "";
-    std::string rest = line.substr(9);
-    return rest.substr(0, rest.find(' '));
-}
 
 long long elapsed_ms(std::chrono::steady_clock::time_point since) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - since).count();

@@ -28,27 +28,31 @@ shift $((OPTIND - 1))
 [ -x "$fastchess" ] || { echo "fastchess not found at $fastchess (set FASTCHESS)"; exit 2; }
 mkdir -p "$root/tools/work"
 pgn=${pgn:-$root/tools/work/match-$(date +%Y%m%d-%H%M%S).pgn}
+case $pgn in /*) ;; *) pgn=$PWD/$pgn ;; esac
 
 engine_args=()
 i=0
 for e in "$@"; do
   cmd=${e%% *}; args=""
+  [ -e "$cmd" ] && cmd=$(cd "$(dirname "$cmd")" && pwd)/$(basename "$cmd")
   [ "$cmd" != "$e" ] && args=${e#* }
   name=$(basename "$cmd")-$i
-  spec=(-engine "cmd=$cmd" "name=$name")
-  [ -n "$args" ] && spec+=("args=$args")
+  entry=(-engine "cmd=$cmd" "name=$name")
+  [ -n "$args" ] && entry+=("args=$args")
   if [ $i -eq 0 ] && [ -n "$first_opts" ]; then
-    for o in $first_opts; do spec+=("$o"); done
+    for o in $first_opts; do entry+=("$o"); done
   fi
-  engine_args+=("${spec[@]}")
+  engine_args+=("${entry[@]}")
   i=$((i + 1))
 done
 
 rounds=$(( (games + 1) / 2 ))
+# fastchess leaves a config.json in its working directory: keep it in tools/work.
+cd "$root/tools/work"
 "$fastchess" "${engine_args[@]}" -each tc="$tc" proto=uci \
   -tournament gauntlet -seeds 1 -rounds "$rounds" -games 2 -repeat \
   -concurrency "$concurrency" -recover \
   -openings file="$root/tests/data/openings.epd" format=epd order=random \
-  -pgnout file="$pgn" 2>&1 | tee "${pgn%.pgn}.log" | grep -E -i 'Results of|Elo|Games|Ptnml|LOS|time|illegal|disconnect|crash|Finished' || true
+  -pgnout file="$pgn" 2>&1 | tee "${pgn%.pgn}.log" | grep -E -i '^(Results of|Elo|Games|Ptnml|LOS)|loses on time|timeout|illegal|disconnect|crash|Finished' || true
 echo "PGN: $pgn"
 echo "log: ${pgn%.pgn}.log"

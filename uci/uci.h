@@ -7,4 +7,6 @@
 bool handle_line(char* line);
 void uci_startup();
 void uci_shutdown();
+// The ten positions of `vestra pgo`, searched to depth 14.
+extern const char* const benchmark_positions[10];
 void run_benchmark();

@@ -8,12 +8,16 @@ int main(int argc, char** argv) {
         run_benchmark();
     } else {
         // A line longer than the buffer is refused whole: the rest up to its line feed
-        // is read and dropped. End of input leaves as quit does.
+        // is read and dropped. End of input leaves as quit does. Whether the buffer was
+        // filled is told by its last byte, which fgets overwrites with its terminator
+        // only then: the length by strlen would stop at a NUL byte inside the line and
+        // let the line's tail through as a command of its own.
         static char line[8192];
         line[0] = 0;
-        while (std::fgets(line, sizeof line, stdin)) {
-            size_t len = std::strlen(line);
-            if (len == sizeof line - 1 && line[len - 1] != '\n') {
+        for (;;) {
+            line[sizeof line - 1] = 1;
+            if (!std::fgets(line, sizeof line, stdin)) break;
+            if (line[sizeof line - 1] == 0 && line[sizeof line - 2] != '\n') {
                 int c;
                 while ((c = std::getchar()) != EOF && c != '\n') {
                 }

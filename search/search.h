@@ -25,3 +25,31 @@ ScoredMove* generate_root_moves(SearchThread* thread, ScoredMove* list);
 void search_root(SearchThread* thread);
 
 inline i32 draw_value(int ply) { return (1 - 2 * (ply & 1)) * engine_options.draw_score; }
+
+// Sort-score bands of the move lists.
+constexpr i32 SCORE_WINNING = 0x7fffff00;       // table move and the floor of winning captures
+constexpr i32 SCORE_KILLER = 163835;            // killers and counter moves: the top of the quiet band
+constexpr u32 BAD_CAPTURE_BASE = 0x85f5e083u;
+constexpr i32 BAD_CAPTURE_LIMIT = -2047483645;  // below this: a losing capture or an under-promotion
+
+// The losing-capture score of a move whose exchange value `see_value` is negative.
+inline i32 losing_capture_score(i32 see_value, i32 old_score) {
+    return i32(u32(see_value) * 128u + (u32(old_score) & 127u) + BAD_CAPTURE_BASE);
+}
+
+// A line never grows beyond this many plies from the root; the node there returns its
+// static value, so the per-ply arrays (MAX_PLY) are never overrun.
+constexpr int MAX_SEARCH_PLY = 500;
+
+// The table move of the root, if it stands in the root list, is moved to its front.
+void put_table_move_first(SearchThread* thread);
+
+// Single-threaded search of the main thread's root (set up by set_position) for tests
+// and tools: to `depth` plies, or until `time_ms` has passed when it is above 0, with
+// the MultiPV option's lines. Returns the score and the best move (0 when the root has
+// no legal move, with the mate or draw score). The depth reached is
+// search_shared.completed_depth afterwards.
+i32 search_with_limits(SearchThread* main, int depth, i64 time_ms, u32* best_move);
+inline i32 search_fixed_depth(SearchThread* main, int depth, u32* best_move) {
+    return search_with_limits(main, depth, 0, best_move);
+}

@@ -4,7 +4,6 @@
 #include <ctime>
 #include "book/book.h"
 #include "search/search.h"
-#include "search/tt.h"
 #include "tb/tb.h"
 #include "uci/report.h"
 
@@ -87,20 +86,7 @@ void think() {
             sh.tb_probe_limit = 0;
     }
 
-    // The table's move goes first, if it is still among the root moves.
-    u64 data;
-    if (tt_read(root->key, &data) && tt_move(data) != 0) {
-        u32 m = validate_packed_move(root, tt_move(data));
-        if (m) {
-            for (ScoredMove* p = main->root_moves; p < main->root_end; ++p) {
-                if (p->move != m) continue;
-                ScoredMove found = *p;
-                std::memmove(main->root_moves + 1, main->root_moves, size_t(p - main->root_moves) * sizeof(ScoredMove));
-                main->root_moves[0] = found;
-                break;
-            }
-        }
-    }
+    put_table_move_first(main);
 
     if (n >= 2) {
         // The replay keeps the game's stack short, so it fits the workers' copy.

@@ -60,6 +60,7 @@ struct SearchShared {
     ScoredMove root_moves_copy[MAX_MOVES];
     ScoredMove* root_moves_end;
     u32 tt_generation;
+    bool quiet;  // tools and tests: iterations print no info lines
 };
 
 extern SearchShared search_shared;

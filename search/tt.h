@@ -1,5 +1,6 @@
 // The transposition table: one 16-byte entry per slot, lockless by the XOR rule.
 #pragma once
+#include "search/score.h"
 #include "search/thread.h"
 
 // Data word fields.
@@ -30,4 +31,17 @@ inline void tt_write(u64 key, u64 data) {
     TTEntry* e = tt_slot(key);
     e->check.store(key ^ data, std::memory_order_relaxed);
     e->data.store(data, std::memory_order_relaxed);
+}
+
+// Mate-range scores are kept relative to the node that stores them: the distance from
+// the root is added on the way in and taken off on the way out.
+inline i32 score_to_tt(i32 s, int ply) {
+    if (s > MATE_THRESHOLD) return s + ply;
+    if (s < -MATE_THRESHOLD) return s - ply;
+    return s;
+}
+inline i32 score_from_tt(i32 s, int ply) {
+    if (s > MATE_THRESHOLD) return s - ply;
+    if (s < -MATE_THRESHOLD) return s + ply;
+    return s;
 }

@@ -49,6 +49,6 @@ rounds=$(( (games + 1) / 2 ))
   -tournament gauntlet -seeds 1 -rounds "$rounds" -games 2 -repeat \
   -concurrency "$concurrency" -recover \
   -openings file="$root/tests/data/openings.epd" format=epd order=random \
-  -pgnout file="$pgn" 2>&1 | tee "${pgn%.pgn}.log" | grep -E -i 'Results of|Elo|Games|Ptnml|LOS|time|illegal|disconnect|crash|Finished' || true
+  -pgnout file="$pgn" 2>&1 | tee "${pgn%.pgn}.log" | grep -E -i '^(Results of|Elo|Games|Ptnml|LOS)|loses on time|timeout|illegal|disconnect|crash|Finished' || true
 echo "PGN: $pgn"
 echo "log: ${pgn%.pgn}.log"

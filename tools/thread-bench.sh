@@ -1,0 +1,55 @@
+#!/usr/bin/env bash
+# Time to depth and nodes per second with 1 and 2 (or more) threads on the ten
+# benchmark positions, through the engine's UCI interface.
+#
+#   tools/thread-bench.sh [ENGINE] [DEPTH] [THREADS...]     defaults: build/vestra 13 1 2
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+engine=${1:-$root/build/vestra}
+depth=${2:-13}
+shift $(( $# > 2 ? 2 : $# ))
+threads=("$@")
+[ ${#threads[@]} -gt 0 ] || threads=(1 2)
+
+positions=(
+  "1qr3k1/p3bppp/4pn2/1B2n3/N7/P3P2P/1P2QPP1/2R1B2K w - -"
+  "2br2k1/r5p1/4p3/5p2/8/pP3B2/1q2RPPP/Q3R1K1 b - -"
+  "r5k1/5p2/7p/5qP1/1P1QR3/5P2/r4RK1/8 b - -"
+  "r4rk1/1p2bppp/p3bn2/8/Pq1BP3/1BN1Q3/1PP3PP/R3K2R w KQ -"
+  "r2qk2r/3nbpp1/2bBp2p/p3P3/1p6/8/PPPQBPPP/1NKR3R w kq -"
+  "3r4/3r2bk/1p4pp/pN2n3/P6P/4Q1P1/1P2B1K1/8 b - h3"
+  "6k1/1b2bp2/p3p2p/4P1p1/1pr5/4BP1P/PP2N1P1/3R2K1 b - -"
+  "1rr3k1/1q3pp1/pnbQp2p/1p2P3/3B1P2/2PB4/P1P2RPP/R5K1 w - -"
+  "2r2rk1/p3qp1p/2b1pp1Q/2b5/1n6/2N2NP1/1P2PPBP/R2R2K1 w - -"
+  "8/p4k2/1p3r2/2pPnb2/2Pr3P/PPK3P1/4B1Q1/8 b - -"
+)
+
+declare -A total_time total_nodes
+for t in "${threads[@]}"; do
+  {
+    echo "setoption name Threads value $t"
+    echo "setoption name Hash value 64"
+    for fen in "${positions[@]}"; do
+      echo "ucinewgame"
+      echo "position fen $fen"
+      echo "go depth $depth"
+      echo "isready"
+    done
+    echo "quit"
+  } | "$engine" > "/tmp/thread-bench-$t.txt"
+  # The last full-depth line of each search carries its time and node count.
+  read -r ms nodes < <(awk -v d="$depth" '
+    $1 == "info" && $5 == d { last_time = $7; last_nodes = $9 }
+    $1 == "bestmove" { tt += last_time; nn += last_nodes }
+    END { print tt, nn }' "/tmp/thread-bench-$t.txt")
+  total_time[$t]=$ms
+  total_nodes[$t]=$nodes
+  printf 'threads %-3s depth %s: time %6d ms  nodes %10d  nps %9d\n' "$t" "$depth" "$ms" "$nodes" $(( nodes * 1000 / (ms + 1) ))
+done
+base=${threads[0]}
+for t in "${threads[@]}"; do
+  [ "$t" = "$base" ] && continue
+  awk -v a="${total_time[$base]}" -v b="${total_time[$t]}" -v na="${total_nodes[$base]}" -v nb="${total_nodes[$t]}" \
+    -v ta="${total_time[$base]}" -v t="$t" -v base="$base" 'BEGIN {
+      printf "time-to-depth speed-up %s vs %s threads: %.2f; nps ratio: %.2f\n", t, base, a / b, (nb / (b + 1)) / (na / (ta + 1)) }'
+done

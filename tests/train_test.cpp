@@ -183,9 +183,9 @@ TEST(TrainNet, TrainingLowersTheLoss) {
     const double before = evaluate_loss(*net, tr.dense(), c, valid, 2);
     std::vector<const TrainRecord*> batch;
     Rng rng{3};
-    for (int step = 0; step < 150; ++step) {
+    for (int step = 0; step < 60; ++step) {
         batch.clear();
-        for (int i = 0; i < 256; ++i) batch.push_back(&records[size_t(rng.below(int(records.size())))]);
+        for (int i = 0; i < 512; ++i) batch.push_back(&records[size_t(rng.below(int(records.size())))]);
         tr.step(batch.data(), int(batch.size()));
     }
     const double after = evaluate_loss(*net, tr.dense(), c, valid, 2);

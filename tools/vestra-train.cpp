@@ -7,7 +7,7 @@
 //     --lr X            Adam rate (default 0.002), times --lr-decay after each epoch
 //     --lr-decay X      (default 0.85)
 //     --lambda X        weight of the search score against the result (default 0.7)
-//     --scale X         internal units per logit of the sigmoid (default 640)
+//     --scale X         internal units per logit of the sigmoid (default 340)
 //     --val X           share of each file, its tail, held out (default 0.05)
 //     --threads N       (default 2)
 //     --seed N          initial weights and shuffling (default 1)

@@ -10,7 +10,7 @@
 #include "tools/train/floatnet.h"
 
 struct TrainConfig {
-    float scale = 640;        // internal units per logit: sigmoid(score / scale)
+    float scale = 340;        // internal units per logit: sigmoid(score / scale)
     float lambda = 0.7f;      // weight of the search score against the game result
     float lr = 2e-3f;
     float output_lr_factor = 16;  // output weights and bias live on a 16x larger scale

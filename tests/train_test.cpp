@@ -141,10 +141,15 @@ TEST(TrainNet, FloatPassMatchesTheEngine) {
     ForwardTrace trace;
     RecordFeatures f;
     double total = 0, worst = 0, spread = 0;
+    int exact = 0;
     for (const TrainRecord& r : records) {
         ASSERT_TRUE(record_features(r, &f));
         const float fl = float_forward(*net, dense_of(*net), f, &trace);
-        const double d = std::fabs(double(fl) - engine_evaluate_record(u.get(), r));
+        const i32 engine = engine_evaluate_record(u.get(), r);
+        // With every value on the image's grid, as quantisation-aware training runs it,
+        // the float pass is the integer pass.
+        exact += float_forward(*net, dense_of(*net), f, &trace, true) == float(engine);
+        const double d = std::fabs(double(fl) - engine);
         total += d;
         worst = std::max(worst, d);
         spread += std::fabs(fl);
@@ -153,6 +158,7 @@ TEST(TrainNet, FloatPassMatchesTheEngine) {
     EXPECT_LT(total / n, 6.0);
     EXPECT_LT(worst, 40.0);
     EXPECT_GT(spread / n, 50.0);  // the net says something, so the comparison means something
+    EXPECT_EQ(exact, int(records.size()));
 }
 
 // A short run on synthetic labels (the material balance) brings the held-out loss well

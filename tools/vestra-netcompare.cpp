@@ -6,7 +6,8 @@
 // it out; --val 1 takes whole files) three ways: the float net of the checkpoint, the
 // engine's integer `evaluate` with the image, and the float pass run on the image with
 // the integer rounding (which must agree with the engine to the unit). Prints the mean
-// and largest absolute differences in internal units.
+// and largest absolute differences in internal units. The float net is evaluated as the
+// trainer sees it: dense layers at their image values.
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -69,14 +70,20 @@ int main(int argc, char** argv) {
     network_startup_check();
     auto thread = std::make_unique<SearchThread>();
 
-    double float_diff = 0, emulated_diff = 0, max_float = 0;
+    // The trainer evaluates the dense layers with their image values (quantisation-aware
+    // training); the unrounded masters are shown beside it.
+    auto rounded = std::make_unique<RoundedDense>();
+    round_dense(*net, rounded.get());
+    double float_diff = 0, emulated_diff = 0, max_float = 0, master_diff = 0, trained_diff = 0;
     long mismatches = 0, n = 0;
     ForwardTrace trace;
     RecordFeatures f;
     for (const TrainRecord& r : records) {
         if (!record_features(r, &f)) continue;
         const i32 engine = engine_evaluate_record(thread.get(), r);
-        const float fl = float_forward(*net, dense_of(*net), f, &trace);
+        const float fl = float_forward(*net, rounded->view(*net), f, &trace);
+        trained_diff += std::fabs(double(float_forward(*net, rounded->view(*net), f, &trace, true)) - engine);
+        master_diff += std::fabs(double(float_forward(*net, dense_of(*net), f, &trace)) - engine);
         const float em = std::clamp(float_forward(*imported, dense_of(*imported), f, &trace, true), -30966.0f, 30966.0f);
         const double d = std::fabs(double(fl) - engine);
         float_diff += d;
@@ -92,6 +99,8 @@ int main(int argc, char** argv) {
     std::printf("%ld positions\n", n);
     std::printf("float net vs engine evaluate:      mean |diff| %.2f, max %.0f internal units\n", float_diff / double(n),
                 max_float);
+    std::printf("as trained (rounded activations):  mean |diff| %.2f\n", trained_diff / double(n));
+    std::printf("unrounded dense masters vs engine: mean |diff| %.2f\n", master_diff / double(n));
     std::printf("integer emulation vs engine:       mean |diff| %.4f, %ld positions differ\n", emulated_diff / double(n),
                 mismatches);
     network_free(image);

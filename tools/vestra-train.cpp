@@ -193,8 +193,16 @@ int main(int argc, char** argv) {
         }
         const double secs = seconds_since(start);
         const double vloss = evaluate_loss(net, tr.dense(), tr.config, valid, config.threads);
-        std::printf("\nepoch %d  lr %.6f  train loss %.6f  validation loss %.6f  %.1f s  %.0f samples/s\n", epoch,
-                    double(tr.config.lr), loss / double(done), vloss, secs, double(done) / secs);
+        // The quantised net as the engine computes it (first layer, weights and
+        // activations on the image's grid); the same as the above when training is
+        // quantisation-aware.
+        TrainConfig exact = tr.config;
+        exact.quantise_aware = true;
+        RoundedDense& q = tr.rounded;
+        round_dense(net, &q);
+        const double qloss = evaluate_loss(net, q.view(net), exact, valid, config.threads);
+        std::printf("\nepoch %d  lr %.6f  train loss %.6f  validation loss %.6f  quantised %.6f  %.1f s  %.0f samples/s\n",
+                    epoch, double(tr.config.lr), loss / double(done), vloss, qloss, secs, double(done) / secs);
         tr.config.lr *= lr_decay;
         if (!save_checkpoint(ckpt, tr, epoch, tr.config.lr) || !save_image(image_path, net)) {
             std::fprintf(stderr, "cannot write %s or %s\n", ckpt.c_str(), image_path.c_str());

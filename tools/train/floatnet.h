@@ -95,22 +95,38 @@ struct DenseWeights {
 };
 inline DenseWeights dense_of(const FloatNet& net) { return {net.w2, net.b2, net.w3, net.b3, net.w4, net.b4}; }
 
-// Forward pass from the active rows. With `integer` the activations are rounded as the
-// integer pass rounds them and the output is cut towards zero: on a net imported from
-// an image this reproduces the engine's evaluation (before its final limit) exactly,
+inline constexpr float ZERO_ROW[NET_HALF] = {};
+
+// Forward pass from the active rows. With `integer` the first-layer values and the
+// biases are taken on the image's grids, the activations are rounded as the integer pass rounds them
+// and the output is cut towards zero: this is the quantised net, and on a net imported
+// from an image it reproduces the engine's evaluation (before its final limit) exactly,
 // since every partial sum is a small dyadic number that a float holds without error.
+// (Rows are not limited to the image's +-FEATURE_INT_LIMIT here; training keeps them
+// far inside it.)
 inline float float_forward(const FloatNet& net, const DenseWeights& d, const RecordFeatures& f, ForwardTrace* t,
                            bool integer = false) {
     for (int h = 0; h < 2; ++h) {
         float* __restrict acc = t->acc[h];
-        std::memcpy(acc, net.b1, sizeof net.b1);
-        for (int n = 0; n < f.count[h]; ++n) {
-            const int r = f.rows[h][n];
-            const float* __restrict w = net.row(r);
-            for (int i = 0; i < NET_HALF; ++i) acc[i] += w[i];
-            if (r < NET_FEATURES) {
-                const float* __restrict s = net.shared(r);
-                for (int i = 0; i < NET_HALF; ++i) acc[i] += s[i];
+        if (integer) {
+            // The image's values: every row and the bias on the 1/16 grid.
+            for (int i = 0; i < NET_HALF; ++i) acc[i] = std::nearbyint(16 * net.b1[i]) / 16;
+            for (int n = 0; n < f.count[h]; ++n) {
+                const int r = f.rows[h][n];
+                const float* __restrict w = net.row(r);
+                const float* __restrict s = r < NET_FEATURES ? net.shared(r) : ZERO_ROW;
+                for (int i = 0; i < NET_HALF; ++i) acc[i] += std::nearbyint(16 * (w[i] + s[i])) / 16;
+            }
+        } else {
+            std::memcpy(acc, net.b1, sizeof net.b1);
+            for (int n = 0; n < f.count[h]; ++n) {
+                const int r = f.rows[h][n];
+                const float* __restrict w = net.row(r);
+                for (int i = 0; i < NET_HALF; ++i) acc[i] += w[i];
+                if (r < NET_FEATURES) {
+                    const float* __restrict s = net.shared(r);
+                    for (int i = 0; i < NET_HALF; ++i) acc[i] += s[i];
+                }
             }
         }
         float* __restrict a = t->a0 + h * NET_HALF;
@@ -123,19 +139,19 @@ inline float float_forward(const FloatNet& net, const DenseWeights& d, const Rec
         const float* __restrict w = d.w2[j];
         float s = 0;
         for (int i = 0; i < NET_INPUTS; ++i) s += w[i] * t->a0[i];
-        t->z1[j] = s + d.b2[j];
+        t->z1[j] = s + (integer ? std::nearbyint(64 * d.b2[j]) / 64 : d.b2[j]);
         t->h1[j] = integer ? clamp_act_integer(t->z1[j]) : clamp_act(t->z1[j]);
     }
     for (int j = 0; j < NET_HIDDEN2; ++j) {
         const float* __restrict w = d.w3[j];
         float s = 0;
         for (int i = 0; i < NET_HIDDEN1; ++i) s += w[i] * t->h1[i];
-        t->z2[j] = s + d.b3[j];
+        t->z2[j] = s + (integer ? std::nearbyint(64 * d.b3[j]) / 64 : d.b3[j]);
         t->h2[j] = integer ? clamp_act_integer(t->z2[j]) : clamp_act(t->z2[j]);
     }
     float s = 0;
     for (int i = 0; i < NET_HIDDEN2; ++i) s += d.w4[i] * t->h2[i];
-    t->out = s + d.b4;
+    t->out = s + (integer ? std::nearbyint(32 * d.b4) / 32 : d.b4);
     if (integer) t->out = std::trunc(t->out);
     return t->out;
 }
@@ -143,7 +159,7 @@ inline float float_forward(const FloatNet& net, const DenseWeights& d, const Rec
 // ---------------------------------------------------------------------------------
 // Image conversion.
 
-inline i32 round_to_int(float x) { return i32(std::lround(x)); }
+inline i32 round_to_int(float x) { return i32(std::lrint(x)); }  // nearest, ties to even, as nearbyint
 inline i8 quantise_i8(float x, float scale) { return i8(std::clamp(round_to_int(x * scale), -128, 127)); }
 
 // Largest first-layer value in the image: 32 rows and the bias stay inside i16.

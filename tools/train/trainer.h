@@ -19,7 +19,9 @@ struct TrainConfig {
     // memorise positions that the 640 shared rows ought to explain.
     float row_lr_factor = 0.1f;
     int threads = 2;
-    bool quantise_aware = true;   // dense layers evaluated with their image values
+    // Quantisation-aware: the dense layers are evaluated with their image values and the
+    // activations rounded to the integer pass's 1/8 steps (straight-through gradients).
+    bool quantise_aware = true;
 };
 
 // Win probability of a score, and the training target of a record.
@@ -73,7 +75,7 @@ struct AdamStep {
 // `g`, the gradient of the two halves' sums written to `dacc` (2 x 256).
 inline float train_sample(const FloatNet& net, const DenseWeights& d, const RecordFeatures& f, float target,
                           const TrainConfig& c, ForwardTrace* t, DenseGrads* g, float* dacc) {
-    const float out = float_forward(net, d, f, t);
+    const float out = float_forward(net, d, f, t, c.quantise_aware);
     const float p = win_probability(out, c.scale);
     const float diff = p - target;
     const float dout = 2 * diff * p * (1 - p) / c.scale;
@@ -258,7 +260,7 @@ inline double evaluate_loss(const FloatNet& net, const DenseWeights& d, const Tr
         const size_t n = records.size();
         for (size_t i = n * size_t(t) / size_t(threads); i < n * size_t(t + 1) / size_t(threads); ++i) {
             if (!record_features(records[i], &f)) continue;
-            const float p = win_probability(float_forward(net, d, f, &trace), c.scale);
+            const float p = win_probability(float_forward(net, d, f, &trace, c.quantise_aware), c.scale);
             const float diff = p - record_target(records[i], c);
             sums[size_t(t)] += diff * diff;
             ++counts[size_t(t)];

@@ -11,13 +11,15 @@
 //     --val X           share of each file, its tail, held out (default 0.05)
 //     --threads N       (default 2)
 //     --seed N          initial weights and shuffling (default 1)
-//     --init IMAGE      start from an image instead of random weights
+//     --init FILE       start from a checkpoint's net or an image instead of random weights
 //     --resume          continue from PREFIX.ckpt (weights, moments, epoch)
 //     --no-qat          train the dense layers without their image rounding
+//     --row-lr X        rate of the king-relative rows against the shared ones (default 0.1)
 //     --max N           use at most N records of each file
 //
 // Writes PREFIX.ckpt and PREFIX.nnue after every epoch (through a temporary file, so an
-// interruption leaves the last complete epoch behind).
+// interruption leaves the last complete epoch behind), and PREFIX-best.ckpt/.nnue after
+// each epoch whose quantised validation loss is the lowest of the run so far.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -80,8 +82,8 @@ bool save_image(const std::string& path, const FloatNet& net) {
 void usage() {
     std::fprintf(stderr,
                  "usage: vestra-train --out PREFIX [--epochs N] [--batch N] [--lr X] [--lr-decay X] [--lambda X]\n"
-                 "                    [--scale X] [--val X] [--threads N] [--seed N] [--init IMAGE] [--resume]\n"
-                 "                    [--no-qat] [--max N] DATA_FILE...\n");
+                 "                    [--scale X] [--val X] [--threads N] [--seed N] [--init FILE] [--resume]\n"
+                 "                    [--no-qat] [--row-lr X] [--max N] DATA_FILE...\n");
 }
 
 }  // namespace
@@ -111,6 +113,7 @@ int main(int argc, char** argv) {
         else if (a == "--init" && has) init = argv[++i];
         else if (a == "--resume") resume = true;
         else if (a == "--no-qat") config.quantise_aware = false;
+        else if (a == "--row-lr" && has) config.row_lr_factor = std::strtof(argv[++i], nullptr);
         else if (a == "--max" && has) max_per_file = std::strtoull(argv[++i], nullptr, 10);
         else if (!a.empty() && a[0] != '-') files.push_back(a);
         else {
@@ -154,6 +157,8 @@ int main(int argc, char** argv) {
         tr.config.lr = lr;
         first_epoch = done + 1;
         std::printf("resumed after epoch %d, step %ld, lr %g\n", done, tr.adam.step, double(lr));
+    } else if (!init.empty() && checkpoint_read_net(init.c_str(), &net)) {
+        std::printf("weights from checkpoint %s\n", init.c_str());
     } else if (!init.empty()) {
         NetworkImage* image = network_alloc();
         if (!image || !network_read_file(init.c_str(), image)) {
@@ -162,6 +167,8 @@ int main(int argc, char** argv) {
         }
         net_from_image(image, &net);
         network_free(image);
+        std::printf("weights from image %s, %d unused neurons switched on\n", init.c_str(),
+                    net_revive_unused(&net, seed));
     } else {
         net_init_random(&net, seed);
     }
@@ -172,6 +179,7 @@ int main(int argc, char** argv) {
     for (size_t i = 0; i < order.size(); ++i) order[i] = u32(i);
     std::vector<const TrainRecord*> batch_ptr(static_cast<size_t>(batch));
 
+    double best_loss = 1e30;
     for (int epoch = first_epoch; epoch <= epochs; ++epoch) {
         std::shuffle(order.begin(), order.end(), rng);
         const auto start = std::chrono::steady_clock::now();
@@ -207,6 +215,15 @@ int main(int argc, char** argv) {
         if (!save_checkpoint(ckpt, tr, epoch, tr.config.lr) || !save_image(image_path, net)) {
             std::fprintf(stderr, "cannot write %s or %s\n", ckpt.c_str(), image_path.c_str());
             return 1;
+        }
+        // The epoch with the lowest validation loss of this run is kept beside the last.
+        if (qloss < best_loss) {
+            best_loss = qloss;
+            if (!save_checkpoint(out + "-best.ckpt", tr, epoch, tr.config.lr) || !save_image(out + "-best.nnue", net)) {
+                std::fprintf(stderr, "cannot write %s-best.*\n", out.c_str());
+                return 1;
+            }
+            std::printf("best so far: written to %s-best.nnue\n", out.c_str());
         }
         std::fflush(stdout);
     }

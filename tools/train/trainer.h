@@ -291,3 +291,23 @@ inline void net_init_random(FloatNet* net, u64 seed) {
     for (float& w : net->w4) w = uniform(8.0f);
     net->b4 = 0;
 }
+
+// A net imported from an image may have neurons that never fire (all rows and the bias
+// zero, like the unused neurons of the hand-made first network); at exactly zero they
+// get no gradient. Such neurons get small shared rows and a bias that switches them on,
+// so that training can put them to use; their outgoing weights stay zero, which keeps
+// the net's output unchanged at the start. Returns the number revived.
+inline int net_revive_unused(FloatNet* net, u64 seed) {
+    std::mt19937_64 rng(seed);
+    auto uniform = [&](float span) { return std::uniform_real_distribution<float>(-span, span)(rng); };
+    int revived = 0;
+    for (int i = 0; i < NET_HALF; ++i) {
+        bool used = std::fabs(net->b1[i]) > 1.0f / 16;  // an image bias of 0 or 1 reads back as -1/16 or 0
+        for (int r = 0; r < NET_ROWS && !used; ++r) used = net->row(r)[i] != 0;
+        if (used) continue;
+        ++revived;
+        net->b1[i] = 1.0f;
+        for (int r = 0; r < FACTOR_ROWS; ++r) net->factor[size_t(r) * NET_HALF + size_t(i)] = uniform(0.2f);
+    }
+    return revived;
+}

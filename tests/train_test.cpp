@@ -1,0 +1,239 @@
+#include <gtest/gtest.h>
+#include <cmath>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+#include "eval_test_util.h"
+#include "tools/train/engine_eval.h"
+#include "tools/train/trainer.h"
+
+namespace {
+
+const char* const START = "rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - 0 1";
+
+// Records of the positions along random games from a few starting points, Black and
+// White to move, with castling rights lost on the way, en-passant squares and
+// promotions. Every position is checked against itself: record, FEN, set-up.
+std::vector<TrainRecord> random_game_records(SearchThread* t, u64 seed, int games, int plies) {
+    static const char* const starts[] = {
+        START,
+        "r3k2r/p1ppqpb1/bn2pnp1/3PN3/1p2P3/2N2Q1p/PPPBBPPP/R3K2R w KQkq - 0 1",
+        "rnbqkbnr/ppp1p1pp/8/3pPp2/8/8/PPPP1PPP/RNBQKBNR w KQkq f6 0 3",
+        "8/2P3k1/8/8/8/8/1p3K2/8 b - - 4 60",
+    };
+    Rng rng{seed};
+    std::vector<TrainRecord> out;
+    for (int g = 0; g < games; ++g) {
+        set_position(t, starts[g % 4], "");
+        for (int ply = 0; ply < plies; ++ply) {
+            ScoredMove list[MAX_MOVES];
+            ScoredMove* end = gen_legal(t->top, list);
+            if (end == list) break;
+            out.push_back(record_from_position(t->top, rng.range(-3000, 3000), rng.below(3), ply));
+            make_move(t, list[rng.below(int(end - list))].move, nullptr);
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
+TEST(TrainData, RecordRoundTripKeepsThePosition) {
+    auto t = new_thread();
+    auto u = new_thread();
+    Rng rng{7};
+    int checked = 0, with_ep = 0, black = 0;
+    for (int g = 0; g < 24; ++g) {
+        set_position(t.get(), g % 2 ? START : "r3k2r/p1ppqpb1/bn2pnp1/3PN3/1p2P3/2N2Q1p/PPPBBPPP/R3K2R w KQkq - 0 1",
+                     "");
+        for (int ply = 0; ply < 120; ++ply) {
+            ScoredMove list[MAX_MOVES];
+            ScoredMove* end = gen_legal(t->top, list);
+            if (end == list) break;
+            const TrainRecord r = record_from_position(t->top, -1234 + ply, ply % 3, ply);
+            char fen[100];
+            record_fen(r, fen);
+            set_position(u.get(), fen, "");
+            const Position* a = t->top;
+            const Position* b = u->top;
+            ASSERT_EQ(a->key, b->key) << fen;
+            EXPECT_EQ(a->castling, b->castling) << fen;
+            EXPECT_EQ(a->flags & ~POS_REPETITION, b->flags & ~POS_REPETITION) << fen;
+            EXPECT_EQ(a->halfmove_clock, b->halfmove_clock) << fen;
+            for (int i = 0; i < 8; ++i) EXPECT_EQ(a->boards[i], b->boards[i]) << fen;
+            EXPECT_EQ(r.score, -1234 + ply);
+            EXPECT_EQ(r.result, ply % 3);
+            // The record of the rebuilt position is the same record, byte for byte.
+            const TrainRecord again = record_from_position(u->top, -1234 + ply, ply % 3, ply);
+            EXPECT_EQ(std::memcmp(&r, &again, sizeof r), 0) << fen;
+            ++checked;
+            with_ep += ep_file(a->flags) != EP_NONE;
+            black += (a->flags & POS_BLACK) != 0;
+            make_move(t.get(), list[rng.below(int(end - list))].move, nullptr);
+        }
+    }
+    EXPECT_GT(checked, 1000);
+    EXPECT_GT(with_ep, 0);
+    EXPECT_GT(black, checked / 3);
+
+    // Corrupt records never reach a feature list: no king, two kings, too many men.
+    TrainRecord r = record_from_position(t->top, 0, 1, 0);
+    RecordFeatures f;
+    EXPECT_TRUE(record_features(r, &f));
+    TrainRecord bad{};
+    bad.occupied = 0xffffffffffULL;
+    EXPECT_FALSE(record_features(bad, &f));
+    bad.occupied = 3;
+    bad.pieces[0] = 0x66;  // two white kings
+    EXPECT_FALSE(record_features(bad, &f));
+    char fen[100];
+    bad.occupied = ~0ULL;
+    record_fen(bad, fen);  // must not read past the 32 codes
+}
+
+// The float pass on a net imported from an image reproduces the engine's integer
+// evaluation exactly when it rounds as the integer pass does, and stays within the
+// quantisation error when it does not.
+TEST(TrainNet, FloatPassMatchesTheEngine) {
+    auto t = new_thread();
+    std::vector<TrainRecord> records = random_game_records(t.get(), 11, 16, 90);
+    ASSERT_GT(records.size(), 800u);
+
+    ImagePtr image = random_image(5, 40, 20, 3000);
+    auto imported = std::make_unique<FloatNet>();
+    net_from_image(image.get(), imported.get());
+    {
+        UseImage use(image.get());
+        auto u = new_thread();
+        ForwardTrace trace;
+        RecordFeatures f;
+        int exact = 0, nonzero = 0;
+        for (const TrainRecord& r : records) {
+            ASSERT_TRUE(record_features(r, &f));
+            const float fl = float_forward(*imported, dense_of(*imported), f, &trace, true);
+            const i32 engine = engine_evaluate_record(u.get(), r);
+            exact += float(engine) == std::clamp(fl, -30966.0f, 30966.0f);
+            nonzero += engine != 0;
+        }
+        EXPECT_EQ(exact, int(records.size()));
+        EXPECT_GT(nonzero, int(records.size()) / 2);
+    }
+
+    // A float net with dense weights already on the image's grid (as quantisation-aware
+    // training keeps them) and arbitrary first-layer weights: the image differs only by
+    // the rounding of the first layer (1/32 per weight at most) and of the activations
+    // (1/16 each), which the output weights (up to 8) carry into a few units.
+    auto net = std::make_unique<FloatNet>();
+    net_init_random(net.get(), 3);
+    for (float& w : net->w1) w = 0.0f;
+    Rng rng{9};
+    for (size_t i = 0; i < net->w1.size(); i += 7) net->w1[i] = float(rng.range(-100, 100)) / 97.0f;
+    RoundedDense q;
+    round_dense(*net, &q);
+    std::memcpy(net->w2, q.w2, sizeof q.w2);
+    std::memcpy(net->w3, q.w3, sizeof q.w3);
+    std::memcpy(net->w4, q.w4, sizeof q.w4);
+    ImagePtr exported(network_alloc());
+    net_to_image(*net, exported.get());
+    UseImage use(exported.get());
+    auto u = new_thread();
+    ForwardTrace trace;
+    RecordFeatures f;
+    double total = 0, worst = 0, spread = 0;
+    int exact = 0;
+    for (const TrainRecord& r : records) {
+        ASSERT_TRUE(record_features(r, &f));
+        const float fl = float_forward(*net, dense_of(*net), f, &trace);
+        const i32 engine = engine_evaluate_record(u.get(), r);
+        // With every value on the image's grid, as quantisation-aware training runs it,
+        // the float pass is the integer pass.
+        exact += float_forward(*net, dense_of(*net), f, &trace, true) == float(engine);
+        const double d = std::fabs(double(fl) - engine);
+        total += d;
+        worst = std::max(worst, d);
+        spread += std::fabs(fl);
+    }
+    const double n = double(records.size());
+    EXPECT_LT(total / n, 6.0);
+    EXPECT_LT(worst, 40.0);
+    EXPECT_GT(spread / n, 50.0);  // the net says something, so the comparison means something
+    EXPECT_EQ(exact, int(records.size()));
+}
+
+// A short run on synthetic labels (the material balance) brings the held-out loss well
+// down.
+TEST(TrainNet, TrainingLowersTheLoss) {
+    auto t = new_thread();
+    std::vector<TrainRecord> records = random_game_records(t.get(), 21, 300, 70);
+    static const int value[7] = {0, 160, 480, 500, 800, 1500, 0};
+    for (TrainRecord& r : records) {
+        int balance = 0, n = 0;
+        const int stm = record_black_to_move(r) ? 8 : 0;
+        for (u64 b = r.occupied; b; b &= b - 1, ++n) {
+            const int code = record_man(r, n);
+            balance += (code & 8) == stm ? value[code & 7] : -value[code & 7];
+        }
+        r.score = i16(balance);
+        r.result = balance > 200 ? 2 : balance < -200 ? 0 : 1;
+    }
+    const size_t held = records.size() / 5;
+    std::vector<TrainRecord> valid(records.end() - long(held), records.end());
+    records.resize(records.size() - held);
+
+    auto net = std::make_unique<FloatNet>();
+    net_init_random(net.get(), 1);
+    TrainConfig c;
+    c.lr = 4e-3f;
+    Trainer tr(*net, c);
+    const double before = evaluate_loss(*net, tr.dense(), c, valid, 2);
+    std::vector<const TrainRecord*> batch;
+    Rng rng{3};
+    for (int step = 0; step < 60; ++step) {
+        batch.clear();
+        for (int i = 0; i < 512; ++i) batch.push_back(&records[size_t(rng.below(int(records.size())))]);
+        tr.step(batch.data(), int(batch.size()));
+    }
+    const double after = evaluate_loss(*net, tr.dense(), c, valid, 2);
+    EXPECT_LT(after, before * 0.5) << before << " -> " << after;
+    for (float w : net->w2[0]) EXPECT_TRUE(w >= HIDDEN_W_MIN && w <= HIDDEN_W_MAX);
+}
+
+// The export saturates instead of wrapping, keeps every first-layer sum inside i16, and
+// an image survives the file and a float round trip byte for byte.
+TEST(TrainNet, QuantisedImageStaysInRange) {
+    auto net = std::make_unique<FloatNet>();
+    net_init_random(net.get(), 4);
+    Rng rng{17};
+    for (size_t i = 0; i < net->w1.size(); i += 3) net->w1[i] = float(rng.range(-9000, 9000)) / 100.0f;
+    net->w2[0][0] = 100.0f;
+    net->w2[0][1] = -100.0f;
+    net->w3[1][2] = 17.0f;
+    net->w4[3] = -40.0f;
+    net->w4[4] = 31.9f;
+    ImagePtr image(network_alloc());
+    net_to_image(*net, image.get());
+    EXPECT_EQ(image->hidden1_weights[0][0], 127);
+    EXPECT_EQ(image->hidden1_weights[0][1], -128);
+    EXPECT_EQ(image->hidden2_weights[1][2], 127);
+    EXPECT_EQ(image->output_weights[3], -128);
+    EXPECT_EQ(image->output_weights[4], 127);
+    int largest = 0;
+    for (int r = 0; r < NET_ROWS; ++r)
+        for (int i = 0; i < NET_HALF; ++i) largest = std::max(largest, std::abs(int(network_row(image.get(), r)[i])));
+    EXPECT_EQ(largest, FEATURE_INT_LIMIT);
+    EXPECT_LE(32 * FEATURE_INT_LIMIT + FEATURE_INT_LIMIT, 32767);
+
+    const std::string path = ::testing::TempDir() + "train_test_image.nnue";
+    ASSERT_TRUE(network_write_file(path.c_str(), image.get()));
+    ImagePtr reread(network_alloc());
+    ASSERT_TRUE(network_read_file(path.c_str(), reread.get()));
+    std::remove(path.c_str());
+    char message[96];
+    EXPECT_EQ(network_check(reread.get(), message, sizeof message), 0);
+    auto back = std::make_unique<FloatNet>();
+    net_from_image(reread.get(), back.get());
+    ImagePtr again(network_alloc());
+    net_to_image(*back, again.get());
+    EXPECT_EQ(std::memcmp(image.get(), again.get(), sizeof(NetworkImage)), 0);
+}

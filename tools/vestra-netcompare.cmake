@@ -1,0 +1,1 @@
+vestra_tool(vestra-netcompare ${CMAKE_CURRENT_SOURCE_DIR}/vestra-netcompare.cpp)

@@ -61,7 +61,7 @@ std::vector<Case> hostile_cases() {
     }
     std::string shuffle;  // 240 knight moves: repetitions, and a stack longer than a search's
     for (int i = 0; i < 60; ++i) shuffle += " g1f3 g8f6 f3g1 f6g8";
-    const std::string shuffle_moves = shuffle.substr(1);
+    static const std::string shuffle_moves = shuffle.substr(1);  // outlives the table
 
     return {
         // Lines that are no command.

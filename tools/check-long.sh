@@ -39,14 +39,30 @@ build() {  # DIR CMAKE_ARGS...
     cmake --build "$dir" -j"$jobs" >"$log_dir/$(basename "$dir")-build.log" 2>&1
 }
 
+# The whole suite under a sanitizer. A sanitizer build runs several times slower, so a
+# test that fails only on a clock deadline is run once more on its own; the verdict
+# fails on any sanitizer report and on any test that fails twice.
 suite() {  # NAME BUILD_DIR
-  local name=$1 dir=$2 log=$log_dir/$1-tests.log
+  local name=$1 dir=$2 log=$log_dir/$1-tests.log rerun=$log_dir/$1-rerun.log
   local t0=$SECONDS
+  rm -f "$rerun"
   ctest --test-dir "$dir" --output-on-failure -j"$jobs" >"$log" 2>&1
   local rc=$?
   local summary
   summary=$(grep -E 'tests passed|tests failed' "$log" | tail -1)
-  verdict "$name tests" $rc "${summary:-no summary}, $((SECONDS - t0)) s, log $log"
+  local note=""
+  if [ $rc -ne 0 ]; then
+    local first
+    first=$(sed -n '/The following tests FAILED/,$p' "$log" | grep -E '^\s+[0-9]+ - ' | sed -E 's/^\s+[0-9]+ - ([^ ]+).*/\1/' | tr '\n' ' ')
+    ctest --test-dir "$dir" --rerun-failed --output-on-failure -j1 >"$rerun" 2>&1
+    rc=$?
+    note=", failed then passed alone: ${first% }"
+    [ $rc -eq 0 ] || note=", failed twice: $(sed -n '/The following tests FAILED/,$p' "$rerun" | grep -E '^\s+[0-9]+ - ' | sed -E 's/^\s+[0-9]+ - ([^ ]+).*/\1/' | tr '\n' ' ')"
+  fi
+  local reports
+  reports=$(cat "$log" "$rerun" 2>/dev/null | grep -c -E 'ERROR: (AddressSanitizer|LeakSanitizer)|WARNING: ThreadSanitizer|runtime error:')
+  [ "$reports" -eq 0 ] || rc=1
+  verdict "$name tests" $rc "${summary:-no summary}$note, $reports sanitizer reports, $((SECONDS - t0)) s, log $log"
 }
 
 for part in "${parts[@]}"; do

@@ -6,7 +6,8 @@
 // line that waits for a running search (setoption, ucinewgame, position, go) is
 // preceded by a stop, as a GUI would send, and the table size and thread count are held
 // small between lines so that an input cannot ask for gigabytes. At the end of the
-// input the search is stopped and waited for, and the engine is shut down as at quit.
+// input the search is stopped and waited for; the engine's memory stays for the next
+// input unless the input ended with quit, which releases it.
 #include <cstdio>
 #include "fuzz_common.h"
 #include "tb/tb.h"
@@ -61,7 +62,13 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
         quit = !handle_line(line);
         hold_small();
     }
-    uci_shutdown();
+    if (quit) {
+        uci_shutdown();
+    } else {
+        set_stop();
+        search_shared.search_lock.acquire();
+        search_shared.search_lock.release();
+    }
     reset_engine();
     return 0;
 }

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs libFuzzer targets for a fixed time each and prints one verdict line per target:
 #   tools/fuzz.sh [-t SECONDS] [-b BUILD_DIR] [TARGET ...]
-# Targets: fen moves book network tb uci (default: all). Each starts from the committed
+# Targets: fen moves search book network tb uci (default: all). Each starts from the committed
 # seeds in fuzz/corpus/TARGET plus what earlier runs added in BUILD_DIR/corpus/TARGET;
 # a crashing input lands in BUILD_DIR/artifacts/TARGET/. Exit status 1 if any target
 # crashed, hung or leaked.
@@ -13,7 +13,7 @@ while getopts "t:b:" opt; do
 done
 shift $((OPTIND - 1))
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(fen moves book network tb uci)
+[ ${#targets[@]} -gt 0 ] || targets=(fen moves search book network tb uci)
 [ -x "$build/fuzz/fuzz_fen" ] || JOBS=${JOBS:-2} "$root/tools/build-fuzz.sh" "$build" >/dev/null || exit 1
 
 failed=0

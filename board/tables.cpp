@@ -1,6 +1,7 @@
 // Constant tables: hash keys, sliding attacks, leaper attacks and square geometry.
 #include <cstdlib>
 #include "board/board_internal.h"
+#include "board/rng.h"
 
 MagicEntry bishop_magics[64];
 MagicEntry rook_magics[64];
@@ -124,13 +125,8 @@ static void init_castle_tables() {
 
 void init_board_tables() {
     // Hash keys by the xorshift64* rule.
-    u64 state = 0x89b0ddaa6e490098ULL;
-    for (int i = 0; i < 1037; ++i) {
-        state ^= state >> 12;
-        state ^= state << 25;
-        state ^= state >> 27;
-        zobrist[i] = state * 0x2545f4914f6cdd1dULL;
-    }
+    Rng rng{0x89b0ddaa6e490098ULL};
+    for (int i = 0; i < 1037; ++i) zobrist[i] = rng.next();
 
     u64* nb = bishop_table;
     u64* nr = rook_table;

@@ -4,18 +4,8 @@
 #include <memory>
 #include "eval/kernels.h"
 #include "search/thread.h"
+#include "board/rng.h"
 
-struct Rng {
-    u64 s;
-    u64 next() {
-        s ^= s >> 12;
-        s ^= s << 25;
-        s ^= s >> 27;
-        return s * 0x2545f4914f6cdd1dULL;
-    }
-    int below(int n) { return int(next() % u64(n)); }
-    int range(int lo, int hi) { return lo + below(hi - lo + 1); }
-};
 
 struct ImageDeleter {
     void operator()(NetworkImage* p) const { network_free(p); }

@@ -34,6 +34,7 @@
 #include "search/search.h"
 #include "tb/tb.h"
 #include "tools/train/record.h"
+#include "board/rng.h"
 
 namespace {
 
@@ -67,16 +68,6 @@ struct WorkerStatus {
     std::atomic<int> finished;
 };
 
-struct Rng {
-    u64 s;
-    u64 next() {
-        s ^= s >> 12;
-        s ^= s << 25;
-        s ^= s >> 27;
-        return s * 0x2545f4914f6cdd1dULL;
-    }
-    int below(int n) { return int(next() % u64(n)); }
-};
 
 u64 mix(u64 x) {
     x += 0x9e3779b97f4a7c15ULL;

@@ -19,19 +19,10 @@
 static const char* engine_path = nullptr;
 #define VESTRA_ENGINE_PATH engine_path  // the pipe starts whatever binary was named
 #include "../tests/engine_pipe.h"
+#include "board/rng.h"
 
 namespace {
 
-struct Rng {
-    u64 s;
-    u64 next() {
-        s ^= s >> 12;
-        s ^= s << 25;
-        s ^= s >> 27;
-        return s * 0x2545f4914f6cdd1dULL;
-    }
-    int below(int n) { return int(next() % u64(n)); }
-};
 
 // Positions to search: openings, middlegames, endgames within the compiled-in tables,
 // positions with one legal move, mates, stalemates and Chess960 starts.

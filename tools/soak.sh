@@ -20,22 +20,31 @@ pgn=$root/tools/work/soak-$(date +%Y%m%d-%H%M%S).pgn
 log=${pgn%.pgn}.log
 start=$(date +%s)
 "$root/tools/match.sh" -g "$games" -t "$tc" -c "$concurrency" -o "option.Threads=2" -p "$pgn" \
-  "$engine" "$engine" >/dev/null
+  "$engine" "$engine" >"${pgn%.pgn}.summary" 2>&1
 rc=$?
+if [ ! -f "$pgn" ]; then
+  echo "match soak: FAIL (no games played: $(head -1 "${pgn%.pgn}.summary"))"
+  exit 1
+fi
 seconds=$(( $(date +%s) - start ))
 
-count() { grep -c -E "$1" "$2" 2>/dev/null || true; }
-played=$(count '^\[Result "(1-0|0-1|1/2-1/2)"\]' "$pgn")
-unfinished=$(count '^\[Result "\*"\]' "$pgn")
-# The PGN names how each game ended; the log has fastchess's own warnings.
-time_losses=$(( $(count 'loses on time' "$pgn") ))
-illegal=$(( $(count 'illegal move' "$pgn") + $(count '^Warning; Illegal move' "$log") ))
-disconnects=$(( $(count 'disconnects|connection stalls' "$pgn") ))
-crashes=$(( $(count 'Engine crashed|stalled / disconnected' "$log") ))
-white=$(count '^\[Result "1-0"\]' "$pgn") black=$(count '^\[Result "0-1"\]' "$pgn")
-draws=$(count '^\[Result "1/2-1/2"\]' "$pgn")
-
-figures="$played of $games games in ${seconds}s (+$white -$black =$draws by colour), $crashes crashes, $time_losses time losses, $illegal illegal moves, $disconnects disconnects/stalls, $unfinished unfinished; pgn $pgn"
+count() { local n; n=$(grep -c -E "$1" "$2" 2>/dev/null); echo "${n:-0}"; }
+# fastchess logs one line per game: "Finished game N (WHITE vs BLACK): RESULT {reason}";
+# the reason names every ending that is not over the board.
+played=$(count '^Finished game' "$log")
+unfinished=$(count '^Finished game .*\): \*' "$log")
+time_losses=$(count '^Finished game .*loses on time' "$log")
+illegal=$(count '^Finished game .*(illegal move|Illegal move)' "$log")
+disconnects=$(count '^Finished game .*(disconnects|stalls)' "$log")
+crashes=$(count 'Engine crashed|is not responsive' "$log")
+# Score of the engine with 2 threads (the first one, named ...-0).
+score=$(grep -E '^Finished game' "$log" | awk '
+  { first_white = $4 ~ /-0$/
+    if ($7 == "1-0") { if (first_white) w++; else l++ }
+    else if ($7 == "0-1") { if (first_white) l++; else w++ }
+    else if ($7 == "1/2-1/2") d++ }
+  END { printf "+%d -%d =%d", w, l, d }')
+figures="$played of $games games in ${seconds}s (2 threads against 1: $score), $crashes crashes, $time_losses time losses, $illegal illegal moves, $disconnects disconnects/stalls, $unfinished unfinished; pgn $pgn"
 if [ $rc -ne 0 ] || [ "$played" -lt "$games" ] || [ $((crashes + time_losses + illegal + disconnects + unfinished)) -gt 0 ]; then
   echo "match soak: FAIL ($figures)"
   exit 1

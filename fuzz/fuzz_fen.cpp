@@ -59,7 +59,13 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
         for (ScoredMove* p = legal; p < end; ++p) {
             const u32 m = p->move;
             see(t->top, m);
-            FUZZ_CHECK((validate_packed_move(t->top, pack_move(m)) & MOVE_IDENTITY) == (m & MOVE_IDENTITY));
+            // Every legal move survives the table's packing, except a Chess960 castling
+            // whose king lands on a square that an own man holds now (its rook, or the
+            // king itself): the validation refuses any move onto an own man, which costs
+            // such a castling only its place as the table move.
+            const u32 v = validate_packed_move(t->top, pack_move(m));
+            if (!((m & MOVE_IS_CASTLING) && (t->top->own & bit(move_to(m)))))
+                FUZZ_CHECK((v & MOVE_IDENTITY) == (m & MOVE_IDENTITY));
             check_made(t, text.c_str(), m);
         }
         // No other packed word validates.

@@ -179,7 +179,21 @@ int main(int argc, char** argv) {
     for (size_t i = 0; i < order.size(); ++i) order[i] = u32(i);
     std::vector<const TrainRecord*> batch_ptr(static_cast<size_t>(batch));
 
+    // A resumed run must not take its first epoch for the best when an earlier part of
+    // the run already kept a better one.
     double best_loss = 1e30;
+    if (resume) {
+        FloatNet* kept = new FloatNet(net);
+        if (checkpoint_read_net((out + "-best.ckpt").c_str(), kept)) {
+            TrainConfig exact = tr.config;
+            exact.quantise_aware = true;
+            RoundedDense& q = tr.rounded;
+            round_dense(*kept, &q);
+            best_loss = evaluate_loss(*kept, q.view(*kept), exact, valid, config.threads);
+            std::printf("best kept so far: validation loss %.6f\n", best_loss);
+        }
+        delete kept;
+    }
     for (int epoch = first_epoch; epoch <= epochs; ++epoch) {
         std::shuffle(order.begin(), order.end(), rng);
         const auto start = std::chrono::steady_clock::now();

@@ -229,9 +229,10 @@ TEST(Evaluation, SymmetricUnderColourFlip) {
     EXPECT_GT(compared, 400);
 }
 
-// The first network: material in the expected proportions, from the side to move's
-// view, and exactly antisymmetric when only the side to move changes.
-TEST(Evaluation, FirstNetworkMaterial) {
+// The compiled-in network, whichever generation it is: material counts, in the
+// usual order, from the side to move's view. A broken export or a net trained on
+// mislabelled data fails here long before it would show in games.
+TEST(Evaluation, CompiledNetworkMaterial) {
     auto t = new_thread();
     i32 equal = eval_fen(t.get(), "rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - 0 1");
     i32 pawn = eval_fen(t.get(), "rnbqkbnr/pppp1ppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - 0 1");
@@ -240,15 +241,13 @@ TEST(Evaluation, FirstNetworkMaterial) {
     i32 queen = eval_fen(t.get(), "rnb1kbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - 0 1");
     i32 pawn_black = eval_fen(t.get(), "rnbqkbnr/pppp1ppp/8/8/8/8/PPPPPPPP/RNBQKBNR b KQkq - 0 1");
     i32 queen_rook = eval_fen(t.get(), "1nb1kbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQk - 0 1");
-    EXPECT_LE(std::abs(equal), 20);
-    EXPECT_GE(pawn, 140);
-    EXPECT_LE(pawn, 180);
-    EXPECT_EQ(pawn_black, -pawn);
-    EXPECT_GE(knight, 2 * pawn + pawn / 2);
-    EXPECT_LE(knight, 4 * pawn);
-    EXPECT_GE(rook, 4 * pawn);
-    EXPECT_LE(rook, 6 * pawn);
-    EXPECT_GE(queen, 8 * pawn);
-    EXPECT_LE(queen, 11 * pawn);
-    EXPECT_GT(queen_rook, queen + 4 * pawn);  // still in the linear range
+    EXPECT_LE(std::abs(equal), 60);
+    EXPECT_GE(pawn, 60);
+    EXPECT_LE(pawn, 320);
+    EXPECT_LE(pawn_black, -pawn / 2);
+    EXPECT_GE(pawn_black, -2 * pawn);
+    EXPECT_GT(knight, 2 * pawn);
+    EXPECT_GT(rook, knight);
+    EXPECT_GT(queen, rook + pawn);
+    EXPECT_GT(queen_rook, queen);  // a trained net flattens out where games are long decided
 }

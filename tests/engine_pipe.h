@@ -62,6 +62,12 @@ struct EnginePipe {
         }
     }
 
+    // Milliseconds from now to `deadline`, zero or less once it has passed.
+    static int ms_left(std::chrono::steady_clock::time_point deadline) {
+        return int(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now())
+                       .count());
+    }
+
     // Next whole line, or false at the deadline or end of output.
     bool read_line(std::string* line, int timeout_ms) {
         auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
@@ -73,9 +79,7 @@ struct EnginePipe {
                 lines.push_back(*line);
                 return true;
             }
-            int left = int(std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
-                                                                                 std::chrono::steady_clock::now())
-                               .count());
+            int left = ms_left(deadline);
             if (left <= 0) return false;
             pollfd p{from_engine, POLLIN, 0};
             if (poll(&p, 1, left) <= 0) continue;
@@ -91,9 +95,7 @@ struct EnginePipe {
         std::string line;
         auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
         for (;;) {
-            int left = int(std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
-                                                                                 std::chrono::steady_clock::now())
-                               .count());
+            int left = ms_left(deadline);
             if (left <= 0 || !read_line(&line, left)) return "";
             if (line.rfind(prefix, 0) == 0) return line;
         }

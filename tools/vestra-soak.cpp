@@ -107,9 +107,7 @@ struct Soak {
         std::string line;
         auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
         for (;;) {
-            int left = int(std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
-                                                                                 std::chrono::steady_clock::now())
-                               .count());
+            int left = EnginePipe::ms_left(deadline);
             if (left <= 0 || !e.read_line(&line, left)) {
                 fail("no bestmove within " + std::to_string(timeout_ms) + " ms from " + fen);
                 return false;

@@ -24,6 +24,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 #include "tools/train/trainer.h"
@@ -179,20 +180,25 @@ int main(int argc, char** argv) {
     for (size_t i = 0; i < order.size(); ++i) order[i] = u32(i);
     std::vector<const TrainRecord*> batch_ptr(static_cast<size_t>(batch));
 
+    // The quantised net as the engine computes it (first layer, weights and activations
+    // on the image's grid); the same as the plain validation loss when training is
+    // quantisation-aware.
+    auto quantised_loss = [&](const FloatNet& n) {
+        TrainConfig exact = tr.config;
+        exact.quantise_aware = true;
+        round_dense(n, &tr.rounded);
+        return evaluate_loss(n, tr.rounded.view(n), exact, valid, config.threads);
+    };
+
     // A resumed run must not take its first epoch for the best when an earlier part of
     // the run already kept a better one.
     double best_loss = 1e30;
     if (resume) {
-        FloatNet* kept = new FloatNet(net);
-        if (checkpoint_read_net((out + "-best.ckpt").c_str(), kept)) {
-            TrainConfig exact = tr.config;
-            exact.quantise_aware = true;
-            RoundedDense& q = tr.rounded;
-            round_dense(*kept, &q);
-            best_loss = evaluate_loss(*kept, q.view(*kept), exact, valid, config.threads);
+        auto kept = std::make_unique<FloatNet>(net);
+        if (checkpoint_read_net((out + "-best.ckpt").c_str(), kept.get())) {
+            best_loss = quantised_loss(*kept);
             std::printf("best kept so far: validation loss %.6f\n", best_loss);
         }
-        delete kept;
     }
     for (int epoch = first_epoch; epoch <= epochs; ++epoch) {
         std::shuffle(order.begin(), order.end(), rng);
@@ -215,14 +221,7 @@ int main(int argc, char** argv) {
         }
         const double secs = seconds_since(start);
         const double vloss = evaluate_loss(net, tr.dense(), tr.config, valid, config.threads);
-        // The quantised net as the engine computes it (first layer, weights and
-        // activations on the image's grid); the same as the above when training is
-        // quantisation-aware.
-        TrainConfig exact = tr.config;
-        exact.quantise_aware = true;
-        RoundedDense& q = tr.rounded;
-        round_dense(net, &q);
-        const double qloss = evaluate_loss(net, q.view(net), exact, valid, config.threads);
+        const double qloss = quantised_loss(net);
         std::printf("\nepoch %d  lr %.6f  train loss %.6f  validation loss %.6f  quantised %.6f  %.1f s  %.0f samples/s\n",
                     epoch, double(tr.config.lr), loss / double(done), vloss, qloss, secs, double(done) / secs);
         tr.config.lr *= lr_decay;

@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # One generation of the network, step by step (each step can be rerun or resumed):
 #
-#   tools/train-generation.sh N data  [POSITIONS] [DEPTH]   self-play with net N-1
+#   tools/train-generation.sh N data  [POSITIONS] [DEPTH] [WORKERS] [SEED]
+#                     self-play with net N-1 (seed N by default)
 #   tools/train-generation.sh N train [EPOCHS] [extra vestra-train options...]
-#                     (DATA_GENS="1 2" trains on the records of those generations;
-#                      by default on generation N's own)
-#   tools/train-generation.sh N match [GAMES] [TC]           net N against net N-1
+#                     (DATA_GENS="1 2 work/pool6" trains on the records of those
+#                      generations or directories; by default on generation N's own)
+#   tools/train-generation.sh N match [GAMES] [TC] [CONCURRENCY]   net N against net N-1
 #   tools/train-generation.sh N accept                       copy net N to data/vestra.nnue
 #
 # Net 0 is the hand-made first network (tools/NETWORK.md); net N lives in
@@ -17,7 +18,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 work=$root/tools/work
-[ $# -ge 2 ] || { sed -n '2,11p' "$0"; exit 2; }
+[ $# -ge 2 ] || { sed -n '2,10p' "$0"; exit 2; }
 gen=$1 step=$2
 shift 2
 prev=$((gen - 1))
@@ -39,12 +40,12 @@ build_for() {
 
 case $step in
   data)
-    positions=${1:-400000} depth=${2:-7}
+    positions=${1:-400000} depth=${2:-7} workers=${3:-1} seed=${4:-$gen}
     dir=$(build_for "$prev_net" vestra-datagen)
     # A private copy, so that a rebuild cannot pull the program from under a long run.
     cp "$dir/tools/vestra-datagen" "$work/gen$gen/vestra-datagen"
     "$work/gen$gen/vestra-datagen" --out "$work/gen$gen/data" --positions "$positions" --depth "$depth" \
-      --seed "$gen"
+      --workers "$workers" --seed "$seed"
     ;;
   train)
     epochs=${1:-12}
@@ -53,20 +54,25 @@ case $step in
     resume=()
     [ -f "$work/gen$gen/net.ckpt" ] && resume=(--resume)
     files=()
-    for g in ${DATA_GENS:-$gen}; do files+=("$work/gen$g"/data/part-*.bin); done
+    for g in ${DATA_GENS:-$gen}; do
+      case $g in
+        *[!0-9]*) files+=("$root/tools/$g"/data/part-*.bin) ;;   # a directory under tools/
+        *) files+=("$work/gen$g"/data/part-*.bin) ;;
+      esac
+    done
     "$dir/tools/vestra-train" --out "$work/gen$gen/net" --epochs "$epochs" "${resume[@]}" "$@" \
       "${files[@]}"
     "$dir/tools/vestra-netcompare" --ckpt "$work/gen$gen/net.ckpt" --net "$work/gen$gen/net.nnue" \
       "${files[@]}"
     ;;
   match)
-    games=${1:-400} tc=${2:-10+0.1}
+    games=${1:-400} tc=${2:-10+0.1} conc=${3:-1}
     new_dir=$(build_for "$new_net" vestra)
     prev_dir=$(build_for "$prev_net" vestra)
     mkdir -p "$work/gen$gen/engines"
     cp "$new_dir/vestra" "$work/gen$gen/engines/vestra-gen$gen"
     cp "$prev_dir/vestra" "$work/gen$gen/engines/vestra-gen$prev"
-    "$root/tools/match.sh" -g "$games" -t "$tc" -c 1 -p "$work/gen$gen/match-$tc.pgn" \
+    "$root/tools/match.sh" -g "$games" -t "$tc" -c "$conc" -p "$work/gen$gen/match-$tc.pgn" \
       "$work/gen$gen/engines/vestra-gen$gen" "$work/gen$gen/engines/vestra-gen$prev"
     ;;
   accept)
@@ -75,7 +81,7 @@ case $step in
     echo "data/vestra.nnue is now net $gen; rebuild the engine and commit it"
     ;;
   *)
-    sed -n '2,11p' "$0"
+    sed -n '2,10p' "$0"
     exit 2
     ;;
 esac

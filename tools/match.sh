@@ -34,8 +34,8 @@ engine_args=()
 i=0
 for e in "$@"; do
   cmd=${e%% *}; args=""
-  [ -e "$cmd" ] && cmd=$(cd "$(dirname "$cmd")" && pwd)/$(basename "$cmd")
   [ "$cmd" != "$e" ] && args=${e#* }
+  [ -e "$cmd" ] && cmd=$(cd "$(dirname "$cmd")" && pwd)/$(basename "$cmd")
   name=$(basename "$cmd")-$i
   entry=(-engine "cmd=$cmd" "name=$name")
   [ -n "$args" ] && entry+=("args=$args")

@@ -10,7 +10,7 @@
 #   tools/train-generation.sh N accept                       copy net N to data/vestra.nnue
 #
 # Net 0 is the hand-made first network (tools/NETWORK.md); net N lives in
-# tools/work/genN/net.nnue once trained, and tools/work/genN.nnue once accepted.
+# tools/work/genN/net-best.nnue once trained, and tools/work/genN.nnue once accepted.
 # PREV_NET=FILE replaces net N-1 (e.g. a net that was not accepted but made the data).
 # Engines and tools with a given image are built in build directories of their own
 # under tools/work, one per image (the image is compiled in), so the worktree's data/
@@ -23,9 +23,17 @@ gen=$1 step=$2
 shift 2
 prev=$((gen - 1))
 mkdir -p "$work/gen$gen"
-[ -f "$work/gen0.nnue" ] || cp "$root/data/vestra.nnue" "$work/gen0.nnue"
+if [ -z "${PREV_NET:-}" ] && [ ! -f "$work/gen$prev.nnue" ]; then
+  # data/vestra.nnue is the latest accepted net, not net 0, so net 0 is made afresh.
+  echo "no $work/gen$prev.nnue: net 0 comes from 'build/tools/vestra-makenet $work/gen0.nnue'," \
+    "net N from 'tools/train-generation.sh N accept'" >&2
+  exit 2
+fi
 prev_net=$(realpath "${PREV_NET:-$work/gen$prev.nnue}")
+# The trainer keeps the epoch with the lowest held-out loss as net-best.nnue; that one
+# is the candidate (later epochs may have begun to overfit).
 new_net=$work/gen$gen/net.nnue
+[ -f "$work/gen$gen/net-best.nnue" ] && new_net=$work/gen$gen/net-best.nnue
 
 # build_for IMAGE TARGETS...: a Release build whose programs carry IMAGE, in a build
 # directory named after the image; prints the directory.
@@ -76,8 +84,8 @@ case $step in
       "$work/gen$gen/engines/vestra-gen$gen" "$work/gen$gen/engines/vestra-gen$prev"
     ;;
   accept)
-    cp "$work/gen$gen/net.nnue" "$work/gen$gen.nnue"
-    cp "$work/gen$gen/net.nnue" "$root/data/vestra.nnue"
+    cp "$new_net" "$work/gen$gen.nnue"
+    cp "$new_net" "$root/data/vestra.nnue"
     echo "data/vestra.nnue is now net $gen; rebuild the engine and commit it"
     ;;
   *)

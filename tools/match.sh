@@ -7,24 +7,27 @@
 #     -c N          games at once (default 1)
 #     -o "OPTS"     UCI options for the first engine, e.g. "option.Threads=2"
 #     -p FILE       PGN output (default tools/work/match-<time>.pgn)
-#   ENGINE is a path to a UCI binary, optionally "path args" (e.g. "/usr/games/gnuchess --uci")
+#     -s N          openings in file order from the Nth (default: random order), so a
+#                   long match can be played in pieces without repeating openings
+#   ENGINE is a path to a UCI binary, optionally with arguments and UCI options of its
+#   own: "path [args] [option.NAME=VALUE...]" (e.g. "/usr/games/glaurung option.Threads=1")
 #
 # The first engine plays every other one (a gauntlet). Openings come from
-# tests/data/openings.epd, in random order, each played with both colours.
+# tests/data/openings.epd, in random order unless -s is given, each played with both colours.
 # FASTCHESS may point at the runner; by default ../shared/tools/fastchess is used.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 fastchess=${FASTCHESS:-$root/../shared/tools/fastchess}
-games=100 tc=1+0.01 concurrency=1 first_opts="" pgn=""
-while getopts "g:t:c:o:p:" opt; do
+games=100 tc=1+0.01 concurrency=1 first_opts="" pgn="" order=(order=random)
+while getopts "g:t:c:o:p:s:" opt; do
   case $opt in
     g) games=$OPTARG ;; t) tc=$OPTARG ;; c) concurrency=$OPTARG ;;
-    o) first_opts=$OPTARG ;; p) pgn=$OPTARG ;;
-    *) sed -n '2,14p' "$0"; exit 2 ;;
+    o) first_opts=$OPTARG ;; p) pgn=$OPTARG ;; s) order=(order=sequential "start=$OPTARG") ;;
+    *) sed -n '2,17p' "$0"; exit 2 ;;
   esac
 done
 shift $((OPTIND - 1))
-[ $# -ge 2 ] || { sed -n '2,14p' "$0"; exit 2; }
+[ $# -ge 2 ] || { sed -n '2,17p' "$0"; exit 2; }
 [ -x "$fastchess" ] || { echo "fastchess not found at $fastchess (set FASTCHESS)"; exit 2; }
 mkdir -p "$root/tools/work"
 pgn=${pgn:-$root/tools/work/match-$(date +%Y%m%d-%H%M%S).pgn}
@@ -33,12 +36,16 @@ case $pgn in /*) ;; *) pgn=$PWD/$pgn ;; esac
 engine_args=()
 i=0
 for e in "$@"; do
-  cmd=${e%% *}; args=""
-  [ "$cmd" != "$e" ] && args=${e#* }
+  read -r -a words <<< "$e"
+  cmd=${words[0]} args="" opts=()
+  for w in "${words[@]:1}"; do
+    case $w in option.*) opts+=("$w") ;; *) args+="${args:+ }$w" ;; esac
+  done
   [ -e "$cmd" ] && cmd=$(cd "$(dirname "$cmd")" && pwd)/$(basename "$cmd")
   name=$(basename "$cmd")-$i
   entry=(-engine "cmd=$cmd" "name=$name")
   [ -n "$args" ] && entry+=("args=$args")
+  entry+=("${opts[@]}")
   if [ $i -eq 0 ] && [ -n "$first_opts" ]; then
     for o in $first_opts; do entry+=("$o"); done
   fi
@@ -52,7 +59,7 @@ cd "$root/tools/work"
 "$fastchess" "${engine_args[@]}" -each tc="$tc" proto=uci \
   -tournament gauntlet -seeds 1 -rounds "$rounds" -games 2 -repeat \
   -concurrency "$concurrency" -recover \
-  -openings file="$root/tests/data/openings.epd" format=epd order=random \
+  -openings file="$root/tests/data/openings.epd" format=epd "${order[@]}" \
   -pgnout file="$pgn" 2>&1 | tee "${pgn%.pgn}.log" | grep --line-buffered -E -i '^(Results of|Elo|Games|Ptnml|LOS)|loses on time|timeout|illegal|disconnect|crash|Finished' || true
 echo "PGN: $pgn"
 echo "log: ${pgn%.pgn}.log"

@@ -1,0 +1,74 @@
+#!/usr/bin/env bash
+# Vestra against the UCI engines from Debian's packages (gnuchess, glaurung, toga2),
+# played in pieces so that a long gauntlet survives the end of a session:
+#
+#   tools/debian-gauntlet.sh [-g GAMES] [-n PIECE] [-t TC] [-c N] [OPPONENT...]
+#     -g GAMES   games against each opponent in all (default 200)
+#     -n PIECE   games per piece (default 50)
+#     -t TC      time control (default 10+0.1);  -c N  games at once (default 2)
+#
+# Each finished piece is kept, gzipped, in tools/results/debian-<net>/ (<net>: the first
+# 12 hex digits of data/vestra.nnue's SHA-256, so results belong to one network); an
+# interrupted piece is played again. Commit that directory to keep the games. Openings
+# are taken from tests/data/openings.epd in file order, each piece starting where the
+# previous one stopped. Every engine plays on one thread with 256 MB of hash. Missing
+# opponents are installed with apt-get. Prints the score so far against each opponent.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+games=200 piece=50 tc=10+0.1 conc=2
+while getopts "g:n:t:c:" opt; do
+  case $opt in
+    g) games=$OPTARG ;; n) piece=$OPTARG ;; t) tc=$OPTARG ;; c) conc=$OPTARG ;;
+    *) sed -n '2,15p' "$0"; exit 2 ;;
+  esac
+done
+shift $((OPTIND - 1))
+opponents=("$@")
+[ ${#opponents[@]} -gt 0 ] || opponents=(gnuchess glaurung toga2)
+
+declare -A command=(
+  [gnuchess]="/usr/games/gnuchess --uci option.Hash=256"
+  [glaurung]="/usr/games/glaurung option.Threads=1 option.Hash=256"
+  [toga2]="/usr/games/toga2 option.Hash=256"
+)
+for o in "${opponents[@]}"; do
+  [ -n "${command[$o]:-}" ] || { echo "unknown opponent $o (gnuchess, glaurung, toga2)"; exit 2; }
+  [ -x "/usr/games/$o" ] || apt-get install -y "$o" >/dev/null
+done
+
+[ -f "$root/build/CMakeCache.txt" ] || cmake -S "$root" -B "$root/build" >/dev/null
+cmake --build "$root/build" -j2 --target vestra >/dev/null
+net=$(sha256sum "$root/data/vestra.nnue" | cut -c1-12)
+results=$root/tools/results/debian-$net
+mkdir -p "$results" "$root/tools/work"
+# A private copy of the engine, so that a rebuild during the gauntlet cannot change it.
+engine=$root/tools/work/vestra-$net
+cp "$root/build/vestra" "$engine"
+
+played() {  # games in the finished pieces against $1
+  local n=0 f
+  for f in "$results/$1"-*.pgn.gz; do
+    [ -e "$f" ] && n=$((n + $(zcat "$f" | grep -c '^\[Result ')))
+  done
+  echo $n
+}
+
+for o in "${opponents[@]}"; do
+  while :; do
+    done_games=$(played "$o")
+    [ "$done_games" -lt "$games" ] || break
+    n=$((games - done_games < piece ? games - done_games : piece))
+    start=$((done_games / 2 + 1))
+    pgn=$root/tools/work/debian-$net-$o-$start.pgn
+    rm -f "$pgn"
+    echo "== $o: games $((done_games + 1)) to $((done_games + n)), openings from $start"
+    "$root/tools/match.sh" -g "$n" -t "$tc" -c "$conc" -s "$start" -p "$pgn" \
+      "$engine" "${command[$o]}" | grep -E '^(Elo|Games)|loses on time|illegal|disconnect|crash' || true
+    got=$(grep -c '^\[Result ' "$pgn" || true)
+    [ "$got" -ge "$n" ] || { echo "piece ended after $got of $n games"; exit 1; }
+    gzip -c "$pgn" > "$results/$o-$(printf %04d "$start").pgn.gz"
+  done
+done
+for o in "${opponents[@]}"; do
+  ls "$results/$o"-*.pgn.gz >/dev/null 2>&1 && "$root/tools/match-score.py" "$results/$o"-*.pgn.gz
+done

@@ -1,0 +1,92 @@
+#!/usr/bin/env python3
+"""Scores one engine's games in fastchess PGN files (plain or .gz), per opponent.
+
+    tools/match-score.py [--engine NAME] FILE.pgn[.gz]...
+
+Several files add up, so a long match can be played in pieces (one PGN each, e.g. across
+sessions) and scored as one. NAME is the engine's PGN name (e.g. vestra-0); by default
+the gauntlet's first engine (tools/match.sh names it ...-0). Prints wins, losses, draws, the score, the Elo
+difference with its 95% interval from the per-game score variance, and the games that
+did not end by the rules of chess (time forfeits, disconnects, illegal moves), which are
+counted in the score as fastchess scored them.
+"""
+import argparse
+import collections
+import gzip
+import math
+import re
+import sys
+
+TAG = re.compile(r'^\[(\w+) "(.*)"\]\s*$')
+
+
+def games(path):
+    """Yields each game's tags; a game starts at its Event tag."""
+    opener = gzip.open if path.endswith(".gz") else open
+    tags = {}
+    with opener(path, "rt", encoding="utf-8", errors="replace") as f:
+        for line in f:
+            m = TAG.match(line)
+            if not m:
+                continue
+            if m.group(1) == "Event" and tags:
+                yield tags
+                tags = {}
+            tags[m.group(1)] = m.group(2)
+    if tags:
+        yield tags
+
+
+def elo(score):
+    if score <= 0 or score >= 1:
+        return math.copysign(math.inf, score - 0.5)
+    return -400.0 * math.log10(1.0 / score - 1.0)
+
+
+def summary(w, l, d):
+    n = w + l + d
+    s = (w + 0.5 * d) / n
+    var = (w * (1 - s) ** 2 + d * (0.5 - s) ** 2 + l * s ** 2) / n
+    se = math.sqrt(var / n)
+    lo, hi = elo(max(s - 1.96 * se, 0)), elo(min(s + 1.96 * se, 1))
+    los = 0.5 * (1 + math.erf((w - l) / math.sqrt(2 * (w + l)))) if w + l else 0.5
+    return (f"{n} games: +{w} ={d} -{l}, {100 * s:.1f}%, Elo {elo(s):+.1f} "
+            f"+- {(hi - lo) / 2:.1f} (95%: {lo:+.1f} to {hi:+.1f}), LOS {100 * los:.1f}%")
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    ap.add_argument("--engine")
+    ap.add_argument("files", nargs="+")
+    a = ap.parse_args()
+    all_games = [g for p in a.files for g in games(p)]
+    if not all_games:
+        sys.exit("no games")
+    counts = collections.Counter(n for g in all_games for n in (g.get("White"), g.get("Black")) if n)
+    firsts = [n for n in counts if n.endswith("-0")]  # the gauntlet's first engine
+    name = a.engine or (firsts[0] if firsts else counts.most_common(1)[0][0])
+    per = collections.defaultdict(lambda: [0, 0, 0, collections.Counter()])
+    for g in all_games:
+        if name not in (g.get("White"), g.get("Black")):
+            continue
+        white = g["White"] == name
+        opp = g["Black"] if white else g["White"]
+        r = g["Result"]
+        if r == "1/2-1/2":
+            per[opp][2] += 1
+        elif r in ("1-0", "0-1"):
+            per[opp][0 if (r == "1-0") == white else 1] += 1
+        else:
+            continue  # unfinished
+        term = g.get("Termination", "normal")
+        if term != "normal":
+            loser = g["Black"] if r == "1-0" else g["White"] if r == "0-1" else "-"
+            per[opp][3][f"{term} (lost by {loser})"] += 1
+    for opp, (w, l, d, odd) in sorted(per.items()):
+        print(f"{name} vs {opp}: {summary(w, l, d)}")
+        for what, k in sorted(odd.items()):
+            print(f"    {k} x {what}")
+
+
+if __name__ == "__main__":
+    main()

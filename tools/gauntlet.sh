@@ -1,18 +1,20 @@
 #!/usr/bin/env bash
-# Vestra against the UCI engines from Debian's packages (gnuchess, glaurung, toga2),
-# played in pieces so that a long gauntlet survives the end of a session:
+# Vestra against the UCI engines from Debian's packages (gnuchess, glaurung, toga2) and
+# against itself with net 0, the hand-made first network (net0), played in pieces so that
+# a long gauntlet survives the end of a session:
 #
-#   tools/debian-gauntlet.sh [-g GAMES] [-n PIECE] [-t TC] [-c N] [OPPONENT...]
+#   tools/gauntlet.sh [-g GAMES] [-n PIECE] [-t TC] [-c N] [OPPONENT...]
 #     -g GAMES   games against each opponent in all (default 200)
 #     -n PIECE   games per piece (default 50)
 #     -t TC      time control (default 10+0.1);  -c N  games at once (default 2)
 #
-# Each finished piece is kept, gzipped, in tools/results/debian-<net>/ (<net>: the first
+# Each finished piece is kept, gzipped, in tools/results/<net>/ (<net>: the first
 # 12 hex digits of data/vestra.nnue's SHA-256, so results belong to one network); an
 # interrupted piece is played again. Commit that directory to keep the games. Openings
 # are taken from tests/data/openings.epd in file order, each piece starting where the
 # previous one stopped. Every engine plays on one thread with 256 MB of hash. Missing
-# opponents are installed with apt-get. Prints the score so far against each opponent.
+# Debian opponents are installed with apt-get. Prints the score so far against each
+# opponent (default: all four).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 games=200 piece=50 tc=10+0.1 conc=2
@@ -24,25 +26,36 @@ while getopts "g:n:t:c:" opt; do
 done
 shift $((OPTIND - 1))
 opponents=("$@")
-[ ${#opponents[@]} -gt 0 ] || opponents=(gnuchess glaurung toga2)
+[ ${#opponents[@]} -gt 0 ] || opponents=(gnuchess glaurung toga2 net0)
+work=$root/tools/work
+mkdir -p "$work"
 
 declare -A command=(
   [gnuchess]="/usr/games/gnuchess --uci option.Hash=256"
   [glaurung]="/usr/games/glaurung option.Threads=1 option.Hash=256"
   [toga2]="/usr/games/toga2 option.Hash=256"
+  [net0]="$work/vestra-net0"
 )
+[ -f "$root/build/CMakeCache.txt" ] || cmake -S "$root" -B "$root/build" >/dev/null
+cmake --build "$root/build" -j2 --target vestra vestra-makenet >/dev/null
 for o in "${opponents[@]}"; do
-  [ -n "${command[$o]:-}" ] || { echo "unknown opponent $o (gnuchess, glaurung, toga2)"; exit 2; }
-  [ -x "/usr/games/$o" ] || apt-get install -y "$o" >/dev/null
+  [ -n "${command[$o]:-}" ] || { echo "unknown opponent $o (gnuchess, glaurung, toga2, net0)"; exit 2; }
+  if [ "$o" = net0 ]; then
+    # The image is compiled in, so net 0 gets a build of its own.
+    [ -f "$work/gen0.nnue" ] || "$root/build/tools/vestra-makenet" "$work/gen0.nnue" >/dev/null
+    cmake -S "$root" -B "$work/build-net0" -DVESTRA_NETWORK="$work/gen0.nnue" -DVESTRA_TESTS=OFF >/dev/null
+    cmake --build "$work/build-net0" -j2 --target vestra >/dev/null
+    cp "$work/build-net0/vestra" "$work/vestra-net0"
+  elif [ ! -x "/usr/games/$o" ]; then
+    apt-get install -y "$o" >/dev/null
+  fi
 done
 
-[ -f "$root/build/CMakeCache.txt" ] || cmake -S "$root" -B "$root/build" >/dev/null
-cmake --build "$root/build" -j2 --target vestra >/dev/null
 net=$(sha256sum "$root/data/vestra.nnue" | cut -c1-12)
-results=$root/tools/results/debian-$net
-mkdir -p "$results" "$root/tools/work"
+results=$root/tools/results/$net
+mkdir -p "$results"
 # A private copy of the engine, so that a rebuild during the gauntlet cannot change it.
-engine=$root/tools/work/vestra-$net
+engine=$work/vestra-$net
 cp "$root/build/vestra" "$engine"
 
 played() {  # games in the finished pieces against $1
@@ -59,7 +72,7 @@ for o in "${opponents[@]}"; do
     [ "$done_games" -lt "$games" ] || break
     n=$((games - done_games < piece ? games - done_games : piece))
     start=$((done_games / 2 + 1))
-    pgn=$root/tools/work/debian-$net-$o-$start.pgn
+    pgn=$work/gauntlet-$net-$o-$start.pgn
     rm -f "$pgn"
     echo "== $o: games $((done_games + 1)) to $((done_games + n)), openings from $start"
     "$root/tools/match.sh" -g "$n" -t "$tc" -c "$conc" -s "$start" -p "$pgn" \

@@ -101,7 +101,9 @@ TEST(EngineLines, MultiPvReportsDistinctLinesInOrder) {
 
 TEST(EngineStrength, WeakSettingStaysInsideTheClock) {
     EnginePipe e;
-    e.send("setoption name Strength value 20\nposition startpos\n");
+    e.send("setoption name Strength value 20\nposition startpos\nisready\n");
+    // The clock starts once the engine is up, so a slow start on a busy machine is not charged.
+    ASSERT_NE(e.wait_for("readyok", 20000), "");
     auto start = std::chrono::steady_clock::now();
     e.send("go wtime 3000 btime 3000\n");
     std::string best = bestmove_word(e.wait_for("bestmove", 10000));
@@ -128,7 +130,9 @@ TEST(EngineBook, BookMovesAnswerAtOnceAndFailuresFallThrough) {
 
     EnginePipe e;
     e.send(std::string("setoption name OwnBook value true\nsetoption name BookFile value ") + path +
-           "\nposition startpos\ngo wtime 10000 btime 10000\n");
+           "\nposition startpos\nisready\n");
+    ASSERT_NE(e.wait_for("readyok", 20000), "");
+    e.send("go wtime 10000 btime 10000\n");
     std::string line = e.wait_for("bestmove", 5000);
     EXPECT_EQ(line, "bestmove e2e4");
     for (const std::string& l : e.lines) EXPECT_NE(l.rfind("info", 0), 0u) << l;

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Vestra against the UCI engines from Debian's packages (gnuchess, glaurung, toga2) and
-# against itself with net 0, the hand-made first network (net0), played in pieces so that
-# a long gauntlet survives the end of a session:
+# Vestra against the UCI engines from Debian's packages (ethereal-chess, gnuchess,
+# glaurung, toga2) and against itself with net 0, the hand-made first network (net0),
+# played in pieces so that a long gauntlet survives the end of a session:
 #
 #   tools/gauntlet.sh [-g GAMES] [-n PIECE] [-t TC] [-c N] [OPPONENT...]
 #     -g GAMES   games against each opponent in all (default 200)
@@ -14,7 +14,7 @@
 # are taken from tests/data/openings.epd in file order, each piece starting where the
 # previous one stopped. Every engine plays on one thread with 256 MB of hash. Missing
 # Debian opponents are installed with apt-get. Prints the score so far against each
-# opponent (default: all four).
+# opponent (default: all five).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 games=200 piece=50 tc=10+0.1 conc=2
@@ -26,7 +26,7 @@ while getopts "g:n:t:c:" opt; do
 done
 shift $((OPTIND - 1))
 opponents=("$@")
-[ ${#opponents[@]} -gt 0 ] || opponents=(gnuchess glaurung toga2 net0)
+[ ${#opponents[@]} -gt 0 ] || opponents=(ethereal-chess gnuchess glaurung toga2 net0)
 work=$root/tools/work
 mkdir -p "$work"
 
@@ -34,12 +34,13 @@ declare -A command=(
   [gnuchess]="/usr/games/gnuchess --uci option.Hash=256"
   [glaurung]="/usr/games/glaurung option.Threads=1 option.Hash=256"
   [toga2]="/usr/games/toga2 option.Hash=256"
+  [ethereal-chess]="/usr/games/ethereal-chess option.Threads=1 option.Hash=256"
   [net0]="$work/vestra-net0"
 )
 [ -f "$root/build/CMakeCache.txt" ] || cmake -S "$root" -B "$root/build" >/dev/null
 cmake --build "$root/build" -j2 --target vestra vestra-makenet >/dev/null
 for o in "${opponents[@]}"; do
-  [ -n "${command[$o]:-}" ] || { echo "unknown opponent $o (gnuchess, glaurung, toga2, net0)"; exit 2; }
+  [ -n "${command[$o]:-}" ] || { echo "unknown opponent $o (ethereal-chess, gnuchess, glaurung, toga2, net0)"; exit 2; }
   if [ "$o" = net0 ]; then
     # The image is compiled in, so net 0 gets a build of its own.
     [ -f "$work/gen0.nnue" ] || "$root/build/tools/vestra-makenet" "$work/gen0.nnue" >/dev/null

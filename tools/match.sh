@@ -9,6 +9,8 @@
 #     -p FILE       PGN output (default tools/work/match-<time>.pgn)
 #     -s N          openings in file order from the Nth (default: random order), so a
 #                   long match can be played in pieces without repeating openings
+#     -S "E0 E1"    stop early by a sequential probability ratio test of Elo E0 against
+#                   E1 (logistic Elo, alpha = beta = 0.05); -g is then the most games
 #   ENGINE is a path to a UCI binary, optionally with arguments and UCI options of its
 #   own: "path [args] [option.NAME=VALUE...]" (e.g. "/usr/games/glaurung option.Threads=1")
 #
@@ -18,16 +20,18 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 fastchess=${FASTCHESS:-$root/../shared/tools/fastchess}
-games=100 tc=1+0.01 concurrency=1 first_opts="" pgn="" order=(order=random)
-while getopts "g:t:c:o:p:s:" opt; do
+games=100 tc=1+0.01 concurrency=1 first_opts="" pgn="" order=(order=random) sprt=()
+while getopts "g:t:c:o:p:s:S:" opt; do
   case $opt in
     g) games=$OPTARG ;; t) tc=$OPTARG ;; c) concurrency=$OPTARG ;;
     o) first_opts=$OPTARG ;; p) pgn=$OPTARG ;; s) order=(order=sequential "start=$OPTARG") ;;
-    *) sed -n '2,17p' "$0"; exit 2 ;;
+    S) read -r e0 e1 <<< "$OPTARG"
+       sprt=(-sprt "elo0=$e0" "elo1=$e1" alpha=0.05 beta=0.05 model=logistic) ;;
+    *) sed -n '2,19p' "$0"; exit 2 ;;
   esac
 done
 shift $((OPTIND - 1))
-[ $# -ge 2 ] || { sed -n '2,17p' "$0"; exit 2; }
+[ $# -ge 2 ] || { sed -n '2,19p' "$0"; exit 2; }
 [ -x "$fastchess" ] || { echo "fastchess not found at $fastchess (set FASTCHESS)"; exit 2; }
 mkdir -p "$root/tools/work"
 pgn=${pgn:-$root/tools/work/match-$(date +%Y%m%d-%H%M%S).pgn}
@@ -58,8 +62,8 @@ rounds=$(( (games + 1) / 2 ))
 cd "$root/tools/work"
 "$fastchess" "${engine_args[@]}" -each tc="$tc" proto=uci \
   -tournament gauntlet -seeds 1 -rounds "$rounds" -games 2 -repeat \
-  -concurrency "$concurrency" -recover \
+  -concurrency "$concurrency" -recover "${sprt[@]}" \
   -openings file="$root/tests/data/openings.epd" format=epd "${order[@]}" \
-  -pgnout file="$pgn" 2>&1 | tee "${pgn%.pgn}.log" | grep --line-buffered -E -i '^(Results of|Elo|Games|Ptnml|LOS)|loses on time|timeout|illegal|disconnect|crash|Finished' || true
+  -pgnout file="$pgn" 2>&1 | tee "${pgn%.pgn}.log" | grep --line-buffered -E -i '^(Results of|Elo|Games|Ptnml|LOS|LLR)|loses on time|timeout|illegal|disconnect|crash|Finished' || true
 echo "PGN: $pgn"
 echo "log: ${pgn%.pgn}.log"

@@ -7,6 +7,8 @@
 #                     (DATA_GENS="1 2 work/pool6" trains on the records of those
 #                      generations or directories; by default on generation N's own)
 #   tools/train-generation.sh N match [GAMES] [TC] [CONCURRENCY]   net N against net N-1
+#                     (SPRT="E0 E1" stops it by a sequential test, GAMES at most;
+#                      CANDIDATE=FILE plays that image instead of net N's best epoch)
 #   tools/train-generation.sh N accept                       copy net N to data/vestra.nnue
 #
 # Net 0 is the hand-made first network (tools/NETWORK.md); net N lives in
@@ -18,7 +20,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 work=$root/tools/work
-[ $# -ge 2 ] || { sed -n '2,10p' "$0"; exit 2; }
+[ $# -ge 2 ] || { sed -n '2,12p' "$0"; exit 2; }
 gen=$1 step=$2
 shift 2
 prev=$((gen - 1))
@@ -34,6 +36,7 @@ prev_net=$(realpath "${PREV_NET:-$work/gen$prev.nnue}")
 # is the candidate (later epochs may have begun to overfit).
 new_net=$work/gen$gen/net.nnue
 [ -f "$work/gen$gen/net-best.nnue" ] && new_net=$work/gen$gen/net-best.nnue
+[ -n "${CANDIDATE:-}" ] && new_net=$(realpath "$CANDIDATE")
 
 # build_for IMAGE TARGETS...: a Release build whose programs carry IMAGE, in a build
 # directory named after the image; prints the directory.
@@ -78,10 +81,14 @@ case $step in
     new_dir=$(build_for "$new_net" vestra)
     prev_dir=$(build_for "$prev_net" vestra)
     mkdir -p "$work/gen$gen/engines"
-    cp "$new_dir/vestra" "$work/gen$gen/engines/vestra-gen$gen"
+    tag=$(sha256sum "$new_net" | cut -c1-8)
+    cp "$new_dir/vestra" "$work/gen$gen/engines/vestra-gen$gen-$tag"
     cp "$prev_dir/vestra" "$work/gen$gen/engines/vestra-gen$prev"
-    "$root/tools/match.sh" -g "$games" -t "$tc" -c "$conc" -p "$work/gen$gen/match-$tc.pgn" \
-      "$work/gen$gen/engines/vestra-gen$gen" "$work/gen$gen/engines/vestra-gen$prev"
+    sprt=()
+    [ -n "${SPRT:-}" ] && sprt=(-S "$SPRT")
+    "$root/tools/match.sh" -g "$games" -t "$tc" -c "$conc" "${sprt[@]}" \
+      -p "$work/gen$gen/match-$tag-$tc$([ -n "${SPRT:-}" ] && echo -sprt).pgn" \
+      "$work/gen$gen/engines/vestra-gen$gen-$tag" "$work/gen$gen/engines/vestra-gen$prev"
     ;;
   accept)
     cp "$new_net" "$work/gen$gen.nnue"
@@ -89,7 +96,7 @@ case $step in
     echo "data/vestra.nnue is now net $gen; rebuild the engine and commit it"
     ;;
   *)
-    sed -n '2,10p' "$0"
+    sed -n '2,12p' "$0"
     exit 2
     ;;
 esac

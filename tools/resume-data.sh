@@ -1,0 +1,57 @@
+#!/usr/bin/env bash
+# Restarts the self-play of every generation listed in tools/datagen-jobs.txt whose
+# records are missing or short, in the background at idle priority, so that matches and
+# builds keep the cores. Run it first thing on a machine: a generation's records are
+# bulk data that does not survive a change of machine, but the line in datagen-jobs.txt,
+# the parent net in git and the seed make the same games again.
+#
+#   tools/resume-data.sh [GEN...]      (default: the last line of datagen-jobs.txt)
+#
+# Output of each job: tools/work/gen<GEN>/data.log.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+work=$root/tools/work
+jobs=$root/tools/datagen-jobs.txt
+mkdir -p "$work"
+gens=("$@")
+[ ${#gens[@]} -gt 0 ] || gens=("$(grep -v '^#' "$jobs" | awk 'NF' | tail -1 | cut -d' ' -f1)")
+
+# find_net PREFIX OUT: writes the image whose SHA-256 starts with PREFIX to OUT, from
+# tools/work or from any commit of data/vestra.nnue.
+find_net() {
+  local prefix=$1 out=$2 f c
+  for f in "$work"/gen*.nnue "$root/data/vestra.nnue"; do
+    [ -f "$f" ] && [ "$(sha256sum "$f" | cut -c1-12)" = "$prefix" ] && { cp "$f" "$out"; return 0; }
+  done
+  for c in $(git -C "$root" log --format=%H -- data/vestra.nnue); do
+    if [ "$(git -C "$root" show "$c:data/vestra.nnue" | sha256sum | cut -c1-12)" = "$prefix" ]; then
+      git -C "$root" show "$c:data/vestra.nnue" > "$out"
+      return 0
+    fi
+  done
+  return 1
+}
+
+for g in "${gens[@]}"; do
+  gen="" && read -r gen positions depth workers seed parent < <(awk -v g="$g" '$1 == g && !/^#/' "$jobs") || true
+  [ -n "${gen:-}" ] || { echo "generation $g is not in $jobs"; exit 2; }
+  have=0
+  for f in "$work/gen$gen"/data/part-*.bin; do [ -f "$f" ] && have=$((have + $(stat -c %s "$f") / 32)); done
+  if [ "$have" -ge "$positions" ]; then
+    echo "gen $gen: $have of $positions records, complete"
+    continue
+  fi
+  if pgrep -f "gen$gen/vestra-datagen" >/dev/null; then
+    echo "gen $gen: $have of $positions records, already running"
+    continue
+  fi
+  prev=$work/gen$((gen - 1)).nnue
+  if [ ! -f "$prev" ] || [ "$(sha256sum "$prev" | cut -c1-12)" != "$parent" ]; then
+    find_net "$parent" "$prev.tmp" || { echo "gen $gen: no image $parent in tools/work or git"; exit 1; }
+    mv "$prev.tmp" "$prev"
+  fi
+  mkdir -p "$work/gen$gen"
+  echo "gen $gen: $have of $positions records, restarting (log: tools/work/gen$gen/data.log)"
+  nohup chrt -i 0 "$root/tools/train-generation.sh" "$gen" data "$positions" "$depth" "$workers" "$seed" \
+    >> "$work/gen$gen/data.log" 2>&1 < /dev/null &
+done

@@ -1,7 +1,6 @@
 #include "book/book.h"
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 
 u64 book_key(const Position* pos) {
     const bool black = (pos->flags & POS_BLACK) != 0;
@@ -126,9 +125,7 @@ u32 book_move(const Position* pos, const char* path, bool random) {
     if (total == 0) return 0;
     int chosen = best;
     if (random) {
-        timespec ts;
-        clock_gettime(CLOCK_MONOTONIC, &ts);
-        std::srand(u32(u64(ts.tv_sec) * 1000 + u64(ts.tv_nsec) / 1000000));
+        std::srand(u32(now_ms()));
         chosen = book_weighted_index(entries, count, std::rand() % total);
     }
     if (chosen < 0) return 0;

@@ -4,7 +4,12 @@
 #ifdef _WIN32
 
 #include <windows.h>
+#include <fcntl.h>
+#include <io.h>
 #include <malloc.h>
+#include <cstdio>
+
+void use_bare_line_feeds() { _setmode(_fileno(stdout), _O_BINARY); }
 
 i64 now_ms() {
     static const i64 frequency = [] {
@@ -84,6 +89,8 @@ void file_unmap(const u8* view, u64) { UnmapViewOfFile(view); }
 #include <sys/stat.h>
 #include <unistd.h>
 #include <ctime>
+
+void use_bare_line_feeds() {}
 
 i64 now_ms() {
     timespec ts;

@@ -6,6 +6,11 @@
 #include <cstdint>
 #include "board/bitops.h"
 
+// Standard output ends lines with a bare line feed on every system. Windows GUIs read
+// either ending, but tools driving the engine from elsewhere (a match runner on Linux
+// starting it under wine) take the carriage return for part of the line's last word.
+void use_bare_line_feeds();
+
 // Monotonic clock in milliseconds, from an arbitrary start.
 i64 now_ms();
 

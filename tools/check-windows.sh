@@ -6,7 +6,8 @@
 #   3. vestra-perft.exe counts the reference positions right;
 #   4. Windows paths work: SyzygyPath with drive letters and `;`, a BookFile with
 #      blanks; a missing book or table directory is ignored, an over-long path refused;
-#      each session must answer as the Linux build does with the same files;
+#      each session must answer as the Linux build does with the same files; and
+#      LargePages does not keep the search from running;
 #   5. a short fastchess match, Windows against Linux, in which every game ends normally.
 #
 #   tools/check-windows.sh [LINUX_BUILD_DIR] [WINDOWS_BUILD_DIR]
@@ -145,6 +146,16 @@ go depth 6"; then
         pass "missing book and table directories ignored, over-long paths refused"
     else fail "missing or over-long paths: unexpected answers"; cat "$work/missing.win"; fi
 fi
+
+# Large pages: granted only with the right to lock memory (never under wine); either
+# way the search must run.
+printf 'setoption name LargePages value true\nsetoption name Hash value 64\nposition startpos\ngo depth 8\n' \
+    > "$work/large.in"
+if python3 tools/uci-session.py --timeout 120 "$work/large.in" wine "$win/vestra.exe" > "$work/large.win" &&
+   grep -q '^bestmove [a-h]' "$work/large.win"; then
+    granted=no; grep -q '^Allocated large pages' "$work/large.win" && granted=yes
+    pass "LargePages: search runs (large pages granted: $granted)"
+else fail "LargePages: no answer"; fi
 
 # 5. A short match, Windows against Linux.
 if [ "$games" -gt 0 ] && [ -x "$fastchess" ]; then

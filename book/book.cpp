@@ -1,7 +1,6 @@
 #include "book/book.h"
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 
 u64 book_key(const Position* pos) {
     const bool black = (pos->flags & POS_BLACK) != 0;
@@ -48,8 +47,9 @@ static bool read_entry(FILE* f, i32 index, BookEntry* e) {
 static int find_entries(FILE* f, u64 key, BookEntry* entries, int max) {
     if (std::fseek(f, 0, SEEK_END) != 0) return 0;
     long size = std::ftell(f);
-    // Record positions are 32-bit values: a book of 2 GiB or more is not read.
-    if (size < 0 || size >= 0x80000000L) return 0;
+    // Record positions are 32-bit values: a book of 2 GiB or more is not read. (Where
+    // long has 32 bits, as on Windows, ftell already fails for such a file.)
+    if (size < 0 || u64(size) >= 0x80000000ull) return 0;
     const i32 n = i32(size / 16);
     i32 lo = 0, hi = n - 1;
     BookEntry e;
@@ -126,9 +126,7 @@ u32 book_move(const Position* pos, const char* path, bool random) {
     if (total == 0) return 0;
     int chosen = best;
     if (random) {
-        timespec ts;
-        clock_gettime(CLOCK_MONOTONIC, &ts);
-        std::srand(u32(u64(ts.tv_sec) * 1000 + u64(ts.tv_nsec) / 1000000));
+        std::srand(u32(now_ms()));
         chosen = book_weighted_index(entries, count, std::rand() % total);
     }
     if (chosen < 0) return 0;

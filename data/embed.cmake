@@ -2,10 +2,24 @@
 # read-only data, 64-byte aligned, as SYMBOL with SYMBOL_end behind it, and appends
 # it to VESTRA_EMBEDDED_SOURCES.
 set(VESTRA_EMBEDDED_SOURCES "")
+
+# Section directives by object format. PE calls read-only data .rdata, and has neither
+# ELF's relocated read-only data (tables of pointers go to .data there) nor its note
+# that the stack needs no execute right.
+if(WIN32)
+  set(VESTRA_ASM_RODATA ".section .rdata,\"dr\"")
+  set(VESTRA_ASM_RELRO ".data")
+  set(VESTRA_ASM_NOTE "")
+else()
+  set(VESTRA_ASM_RODATA ".section .rodata")
+  set(VESTRA_ASM_RELRO ".section .data.rel.ro,\"aw\",@progbits")
+  set(VESTRA_ASM_NOTE "    .section .note.GNU-stack,\"\",@progbits\n")
+endif()
+
 function(vestra_embed symbol file)
   set(out "${CMAKE_BINARY_DIR}/embed/${symbol}.S")
   file(WRITE "${out}.in"
-"    .section .rodata
+"    ${VESTRA_ASM_RODATA}
     .balign 64
     .global ${symbol}
 ${symbol}:
@@ -13,8 +27,7 @@ ${symbol}:
     .global ${symbol}_end
 ${symbol}_end:
     .byte 0
-    .section .note.GNU-stack,\"\",@progbits
-")
+${VESTRA_ASM_NOTE}")
   configure_file("${out}.in" "${out}" COPYONLY)
   set_property(SOURCE "${out}" APPEND PROPERTY OBJECT_DEPENDS "${file}")
   set(VESTRA_EMBEDDED_SOURCES ${VESTRA_EMBEDDED_SOURCES} "${out}" PARENT_SCOPE)

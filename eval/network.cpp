@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include "search/platform.h"
 
 extern "C" const unsigned char vestra_network_image[], vestra_network_image_end[];
 
@@ -36,7 +37,7 @@ void network_startup_check() {
 }
 
 NetworkImage* network_alloc() {
-    void* block = std::aligned_alloc(64, sizeof(NetworkImage));
+    void* block = aligned_block_alloc(sizeof(NetworkImage));
     if (!block) return nullptr;
     std::memset(block, 0, sizeof(NetworkImage));
     NetworkImage* image = static_cast<NetworkImage*>(block);
@@ -46,7 +47,7 @@ NetworkImage* network_alloc() {
     return image;
 }
 
-void network_free(NetworkImage* image) { std::free(image); }
+void network_free(NetworkImage* image) { aligned_block_free(image); }
 
 bool network_read_file(const char* path, NetworkImage* image) {
     FILE* f = std::fopen(path, "rb");

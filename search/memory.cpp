@@ -1,38 +1,16 @@
 // Engine memory: one 64-byte aligned block holding the transposition table followed by
 // the search-thread records. A new block is the whole of a new game.
-#include <sys/mman.h>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include "search/platform.h"
 #include "search/search.h"
 #include "search/tt.h"
 
 namespace {
 
-constexpr u64 HUGE_PAGE = 2ull << 20;
 constexpr int MAX_THREADS = 512;
-
-// Large pages on Linux: an anonymous mapping aligned to the huge-page size with the
-// kernel asked to back it by huge pages. Returns null when the kernel refuses.
-void* allocate_large_pages(u64 size, i64* mapped_size) {
-    u64 length = (size + HUGE_PAGE - 1) & ~(HUGE_PAGE - 1);
-    u64 span = length + HUGE_PAGE;
-    void* raw = mmap(nullptr, span, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (raw == MAP_FAILED) return nullptr;
-    u64 start = (u64(raw) + HUGE_PAGE - 1) & ~(HUGE_PAGE - 1);
-    u64 head = start - u64(raw);
-    if (head) munmap(raw, head);
-    u64 tail = span - head - length;
-    if (tail) munmap(reinterpret_cast<void*>(start + length), tail);
-    void* block = reinterpret_cast<void*>(start);
-    if (madvise(block, length, MADV_HUGEPAGE) != 0) {
-        munmap(block, length);
-        return nullptr;
-    }
-    *mapped_size = i64(length);
-    return block;
-}
 
 void* clear_body(void* arg) {
     clear_thread_memory(static_cast<SearchThread*>(arg), search_shared.tt_mask + 1);
@@ -44,9 +22,9 @@ void* clear_body(void* arg) {
 void engine_memory_release(i64 large_page_mark) {
     if (!search_shared.tt) return;
     if (large_page_mark)
-        munmap(search_shared.tt, u64(large_page_mark));
+        large_pages_free(search_shared.tt, large_page_mark);
     else
-        std::free(search_shared.tt);
+        aligned_block_free(search_shared.tt);
 }
 
 void clear_thread_memory(SearchThread* thread, u64 entries) {
@@ -87,7 +65,7 @@ void engine_memory_init(i64* large_page_mark) {
         u64 size = (1048576ull << b) + u64(threads) * sizeof(SearchThread);
         if (engine_options.large_pages) {
             i64 mapped = 0;
-            block = allocate_large_pages(size, &mapped);
+            block = large_pages_alloc(size, &mapped);
             if (block) {
                 *large_page_mark = mapped;
                 std::printf("Allocated large pages\n");
@@ -95,7 +73,7 @@ void engine_memory_init(i64* large_page_mark) {
                 break;
             }
         }
-        block = std::aligned_alloc(64, size);  // size is a multiple of 64
+        block = aligned_block_alloc(size);  // size is a multiple of 64
         if (block) break;
         if (h > 1) {
             h /= 2;

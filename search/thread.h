@@ -72,5 +72,5 @@ inline void spin_lock(std::atomic<i32>& lock) {
 }
 inline void spin_unlock(std::atomic<i32>& lock) { lock.store(0, std::memory_order_release); }
 
-// Monotonic clock in milliseconds.
-i64 now_ms();
+// now_ms(), the monotonic clock in milliseconds.
+#include "search/platform.h"

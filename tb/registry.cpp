@@ -3,10 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "search/platform.h"
 #include "tb/tb.h"
 
 RegistrySlot tb_registry[TB_REGISTRY_SIZE];
@@ -79,18 +76,15 @@ RegistrySlot* tb_find_slot(u64 key) {
     }
 }
 
-int tb_open_file(const char* name, const char* extension) {
+bool tb_open_file(const char* name, const char* extension, ReadOnlyFile* file) {
     char file_name[256];
     for (int i = 0; i < tb_path_count; ++i) {
+        // '/' separates on Windows as well, so a directory given as Z:\tables works.
         int n = snprintf(file_name, sizeof file_name, "%s/%s%s", tb_paths[i], name, extension);
         if (n < 0 || n >= int(sizeof file_name)) continue;  // too long: this directory is skipped
-        int fd = open(file_name, O_RDONLY | O_CLOEXEC);
-        if (fd < 0) continue;
-        struct stat st;
-        if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) return fd;
-        close(fd);
+        if (file_open_read_only(file_name, file)) return true;
     }
-    return -1;
+    return false;
 }
 
 static void insert_slot(u64 key, TableEntry* entry) {
@@ -103,9 +97,9 @@ static void insert_slot(u64 key, TableEntry* entry) {
 void tb_register_table(const char* name, i32* largest) {
     bool on_disk = strlen(name) >= 6;
     if (on_disk) {
-        int fd = tb_open_file(name, ".rtbw");
-        if (fd < 0) return;
-        close(fd);
+        ReadOnlyFile file;
+        if (!tb_open_file(name, ".rtbw", &file)) return;
+        file_close(&file);
     }
 
     int count[2][7] = {};
@@ -137,9 +131,9 @@ void tb_register_table(const char* name, i32* largest) {
     wdl_file_count += 1;
 
     if (on_disk) {
-        int fd = tb_open_file(name, ".rtbz");
-        e->has_dtz = fd >= 0;
-        if (fd >= 0) close(fd);
+        ReadOnlyFile file;
+        e->has_dtz = tb_open_file(name, ".rtbz", &file);
+        if (e->has_dtz) file_close(&file);
     } else {
         e->has_dtz = true;
     }
@@ -196,7 +190,7 @@ static void free_decoders(TableEntry* e, int type) {
 
 static void unmap_view(TableEntry* e, int type) {
     if (e->view[type] && !tb_is_embedded(e->view[type]) && e->mapping[type])
-        munmap(const_cast<u8*>(e->view[type]), e->mapping[type]);
+        file_unmap(e->view[type], e->mapping[type]);
     e->view[type] = nullptr;
     e->mapping[type] = 0;
     e->file_size[type] = 0;
@@ -221,27 +215,21 @@ bool tb_load_file(TableEntry* e, const char* name, int type) {
     u64 size = 0;
 
     bool disk_only = strlen(name) >= 6;
-    int fd = disk_only || tb_disk_first ? tb_open_file(name, ext) : -1;
-    if (fd >= 0) {
-        struct stat st;
-        if (fstat(fd, &st) != 0) {
-            close(fd);
-            return false;
-        }
-        size = u64(st.st_size);
+    ReadOnlyFile file;
+    if ((disk_only || tb_disk_first) && tb_open_file(name, ext, &file)) {
+        size = file.size;
         if (size < 4) {
             // Nothing to map: an empty or cut-off file cannot even hold the magic number.
-            close(fd);
+            file_close(&file);
             report_corrupted();
             return false;
         }
-        void* m = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
-        close(fd);
-        if (m == MAP_FAILED) {
+        view = file_map_read_only(&file);
+        file_close(&file);
+        if (!view) {
             fprintf(stderr, "Could not map %s%s into memory.\n", name, ext);
             exit(1);
         }
-        view = static_cast<const u8*>(m);
         e->mapping[type] = size;
     } else if (disk_only) {
         return false;

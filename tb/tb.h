@@ -133,7 +133,8 @@ extern i16 two_king_index[10][64];
 u64 tb_material_key(const Position* pos);
 u64 tb_name_key(const char* name, int mirrored);
 void tb_register_table(const char* name, i32* largest);
-int tb_open_file(const char* name, const char* extension);
+// Opens name + extension in the first directory of SyzygyPath that has it.
+bool tb_open_file(const char* name, const char* extension, ReadOnlyFile* file);
 bool tb_load_file(TableEntry* entry, const char* name, int type);
 void tb_release_entry(TableEntry* entry);
 // The table name of the position's material, left side as registered in `entry`.

@@ -2,8 +2,11 @@
 #include <cctype>
 #include <climits>
 #include <cstring>
+#include <sstream>
 #include <string>
+#include <vector>
 #include "search_fixture.h"
+#include "uci/report.h"
 
 namespace {
 
@@ -75,6 +78,19 @@ const MateCase MATES[] = {
     {"k7/8/2K5/8/8/8/8/1R6 w - - 0 1", 2},
     {"6k1/4K3/8/8/8/4R3/8/8 w - - 0 1", 3},
 };
+
+// The moves of the line that report_line prints for the best root move.
+std::vector<std::string> reported_line(SearchThread* t) {
+    testing::internal::CaptureStdout();
+    report_line(t, 0, NO_SCORE, 0, 0, 0, 1);
+    std::string text = testing::internal::GetCapturedStdout();
+    std::vector<std::string> moves;
+    size_t at = text.find(" pv ");
+    if (at == std::string::npos) return moves;
+    std::istringstream words(text.substr(at + 4));
+    for (std::string w; words >> w;) moves.push_back(w);
+    return moves;
+}
 
 }  // namespace
 
@@ -174,6 +190,30 @@ TEST_F(SearchTest, FiftyMoveRule) {
     fresh_memory();
     set("k7/8/2K5/8/8/8/8/1R6 w - - 97 1");
     EXPECT_EQ(search_depth(6, &best), MATE_VALUE - 3);
+}
+
+TEST_F(SearchTest, ReportedLinesEndAtTheFiftyMoveRule) {
+    // Rook against king: every move is reversible, so the clock only grows along the
+    // line. The table's keys do not hold the clock, so the same entries serve a root
+    // whose clock is close to 100, and the printed line must stop at the draw there.
+    set("8/8/4k3/8/8/3K4/8/R7 w - - 0 1");
+    u32 best = 0;
+    search_depth(10, &best);
+    SearchThread* t = main_thread();
+    std::vector<std::string> full = reported_line(t);
+    ASSERT_GE(full.size(), 5u);
+    EXPECT_EQ(full[0], text(best));
+    for (int clock : {95, 97, 99}) {
+        t->top->halfmove_clock = u8(clock);
+        std::vector<std::string> cut = reported_line(t);
+        std::vector<std::string> expected(full.begin(), full.begin() + (100 - clock));
+        EXPECT_EQ(cut, expected) << "clock " << clock;
+    }
+    // A capture resets the clock: the line goes on past where the old count ended.
+    set("8/8/4k3/8/8/3K4/8/R6r w - - 98 1");
+    search_depth(10, &best);
+    ASSERT_EQ(text(best), "a1h1");
+    EXPECT_GT(reported_line(t).size(), 2u);
 }
 
 TEST_F(SearchTest, FixedDepthSearchIsDeterministic) {

@@ -21,7 +21,7 @@ TEST(Uci, ReplyTextAndOptions) {
     EnginePipe e;
     e.send("uci\n");
     std::string expected[] = {
-        "id name Vestra 3.1",
+        "id name Vestra " VESTRA_VERSION,
         "id author Ilario Tessen",
         "option name Hash type spin default 256 min 1 max 1048576",
         "option name Threads type spin default 1 min 1 max 512",

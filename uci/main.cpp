@@ -1,8 +1,10 @@
 #include <cstdio>
 #include <cstring>
+#include "search/platform.h"
 #include "uci/uci.h"
 
 int main(int argc, char** argv) {
+    use_bare_line_feeds();
     uci_startup();
     if (argc == 2 && std::strncmp(argv[1], "pgo", 3) == 0) {
         run_benchmark();

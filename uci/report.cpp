@@ -37,13 +37,17 @@ void report_line(SearchThread* thread, int index, i32 table_score, i64 time_ms, 
     move_text(thread->top, move, text);
     out += std::snprintf(out, size_t(end - out), "%s ", text);
 
-    // The rest of the line comes from exact table entries; the walk stops at a
-    // repetition (which also ends a cycle of entries) and well before the stack ends.
+    // The rest of the line comes from exact table entries; the walk stops where the
+    // game would end in a draw, at a repetition (which also ends a cycle of entries)
+    // or at the fifty-move rule, and well before the stack ends. The table's keys do
+    // not know the move clock, so entries stored when the clock was lower would
+    // otherwise carry the line past the draw. A mate on the hundredth half-move needs
+    // no test of its own: the mated side has no move to continue with.
     Position* root = thread->top;
     make_move(thread, move, nullptr);
     int walked = 1;
-    while (!(thread->top->flags & POS_REPETITION) && thread->top - thread->stack < STACK_SIZE - 2 && walked < 128 &&
-           end - out > 16) {
+    while (!(thread->top->flags & POS_REPETITION) && thread->top->halfmove_clock < 100 &&
+           thread->top - thread->stack < STACK_SIZE - 2 && walked < 128 && end - out > 16) {
         u64 data;
         if (!tt_read(thread->top->key, &data)) break;
         if (tt_bound(data) != BOUND_EXACT || tt_move(data) == 0) break;

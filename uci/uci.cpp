@@ -66,7 +66,7 @@ static void print_uci() {
     char text[4096];
     int n = std::snprintf(
         text, sizeof text,
-        "id name Vestra 3.1\nid author Ilario Tessen\n"
+        "id name Vestra " VESTRA_VERSION "\nid author Ilario Tessen\n"
         "option name Hash type spin default %d min 1 max 1048576\n"
         "option name Threads type spin default 1 min 1 max %d\n"
         "option name Ponder type check default false\n"

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Speed report on one machine, in one run: search nodes/s (median of N runs, old and
-# new binary alternating when two are given), the same figure as a ratio to the
+# new binary alternating when two are given; by the wall clock and by the search
+# thread's processor time, which a loaded machine disturbs less), the same figure as a ratio to the
 # Debian package ethereal-chess's `bench` (a stopwatch only, installed when missing),
 # perft times of the start position and Kiwipete, and optionally the thread bench.
 #
@@ -22,7 +23,7 @@ while [ $# -gt 0 ]; do
     -d) depth=$2; shift 2 ;;
     --no-ethereal) ethereal=0; shift ;;
     --threads) threads=1; shift ;;
-    -h|--help) sed -n 2,11p "$0"; exit 0 ;;
+    -h|--help) sed -n 2,12p "$0"; exit 0 ;;
     *) benches+=("$1"); shift ;;
   esac
 done
@@ -44,14 +45,16 @@ for ((r = 1; r <= runs; ++r)); do
   for i in "${!benches[@]}"; do
     "${benches[$i]}" --depth "$depth" > "$tmp/bench-$i-$r.txt"
     awk '$1 == "total"' "$tmp/bench-$i-$r.txt" | field nps >> "$tmp/nps-$i"
+    awk '$1 == "total"' "$tmp/bench-$i-$r.txt" | field cpu-nps >> "$tmp/cpu-$i"
   done
 done
 label=(new)
 [ ${#benches[@]} -eq 2 ] && label=(old new)
 for i in "${!benches[@]}"; do
   nodes=$(awk '$1 == "total"' "$tmp/bench-$i-1.txt" | field nodes)
-  printf 'vestra-bench %-3s depth %s, %s runs: median %s nodes/s (spread %s), nodes %s  [%s]\n' "${label[$i]}" "$depth" \
-    "$runs" "$(median < "$tmp/nps-$i")" "$(spread < "$tmp/nps-$i")" "$nodes" "${benches[$i]}"
+  printf 'vestra-bench %-3s depth %s, %s runs: median %s nodes/s (spread %s), of processor time %s (spread %s), nodes %s  [%s]\n' \
+    "${label[$i]}" "$depth" "$runs" "$(median < "$tmp/nps-$i")" "$(spread < "$tmp/nps-$i")" \
+    "$(median < "$tmp/cpu-$i")" "$(spread < "$tmp/cpu-$i")" "$nodes" "${benches[$i]}"
 done
 if [ ${#benches[@]} -eq 2 ]; then
   if diff <(field nodes < "$tmp/bench-0-1.txt") <(field nodes < "$tmp/bench-1-1.txt") > /dev/null; then
@@ -59,7 +62,8 @@ if [ ${#benches[@]} -eq 2 ]; then
   else
     echo "node counts: DIFFERENT, the two builds do not search the same tree"
   fi
-  awk -v a="$(median < "$tmp/nps-0")" -v b="$(median < "$tmp/nps-1")" 'BEGIN { printf "new / old: %.3f\n", b / a }'
+  awk -v a="$(median < "$tmp/nps-0")" -v b="$(median < "$tmp/nps-1")" -v c="$(median < "$tmp/cpu-0")" \
+    -v d="$(median < "$tmp/cpu-1")" 'BEGIN { printf "new / old: %.3f by the wall clock, %.3f by processor time\n", b / a, d / c }'
 fi
 new_bench=${benches[${#benches[@]} - 1]}
 new_nps=$(median < "$tmp/nps-$(( ${#benches[@]} - 1 ))")

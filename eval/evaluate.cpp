@@ -2,14 +2,10 @@
 // arithmetic is exact integer work, so the vector and the plain code agree to the bit.
 #include "eval/accumulator.h"
 #include "eval/kernels.h"
-#include "search/thread.h"
-#include "uci/options.h"
 
 #ifdef VESTRA_EVAL_AVX2
 #include <immintrin.h>
 #endif
-
-constexpr i32 EVAL_LIMIT = 30966;
 
 namespace {
 inline u8 clamp127(i32 x) { return u8(x < 0 ? 0 : x > 127 ? 127 : x); }

@@ -334,8 +334,6 @@ inline void store_entry(u64 key, int depth, u32 move, u32 bound, i32 score, int 
 
 inline void push_move(SearchThread* t, u32 m, int ply) {
     make_move(t, m, &t->ply_records[ply].delta);
-    // The child's first act is a probe; its line can be on its way meanwhile.
-    __builtin_prefetch(tt_slot(t->top->key));
     t->static_eval[ply + 1] = NO_SCORE;
     t->ply_records[ply + 1].computed = 0;
 }
@@ -487,7 +485,6 @@ i32 search(SearchThread* t, i32 node_type, int ply, int depth, i32 alpha, i32 be
         if (depth >= 4 && prev_move && node_eval >= beta && se >= beta - 20 * depth &&
             (pos->own & (pos->knights | pos->bishops | pos->rooks | pos->queens))) {
             make_null_move(t);
-            __builtin_prefetch(tt_slot(t->top->key));
             t->static_eval[ply + 1] = 5 - se;
             t->ply_records[ply + 1].computed = 0;
             FeatureDelta& fd = t->ply_records[ply].delta;

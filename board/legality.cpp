@@ -2,7 +2,8 @@
 // static exchange evaluation.
 #include "board/board_internal.h"
 
-u64 leaves_king_attacked(const Position* p, u32 move) {
+// The attack test proper, for the moves that the short cut below does not settle.
+static u64 king_attacked_after(const Position* p, u32 move) {
     const int from = move_from(move), to = move_to(move);
     u64 occ = (p->occupied ^ bit(from)) | bit(to);
     u64 attackers = (p->occupied ^ p->own) & ~bit(to);
@@ -22,6 +23,18 @@ u64 leaves_king_attacked(const Position* p, u32 move) {
     return (((p->bishops | p->queens) & bishop_attacks(s, occ)) | ((p->rooks | p->queens) & rook_attacks(s, occ)) |
             leapers) &
            attackers;
+}
+
+u64 leaves_king_attacked(const Position* p, u32 move) {
+    // Out of check, the only line that a man's move can open runs from the king
+    // through the man's origin and on to the edge. Without an enemy slider on that line
+    // the attack test would find nothing, so it is not made. King moves and en passant
+    // (which empties a second square) always take the full test.
+    if (move_piece(move) != KING && !(move & MOVE_IS_EN_PASSANT) && !(p->flags & POS_IN_CHECK)) {
+        const u64 sliders = (p->bishops | p->rooks | p->queens) & (p->occupied ^ p->own);
+        if (!(ray_table[own_king_square(p)][move_from(move)] & sliders)) return 0;
+    }
+    return king_attacked_after(p, move);
 }
 
 void tag_check(const Position* p, u32* move) {

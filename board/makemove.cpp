@@ -1,7 +1,7 @@
 // Copy-make: the next record of the stack receives the position after the move, seen
 // from the new side to move.
 #include "board/board_internal.h"
-#include "search/thread.h"
+#include "board/records.h"
 
 void make_move(SearchThread* thread, u32 move, FeatureDelta* delta) {
     const Position* old = thread->top;

@@ -1,7 +1,7 @@
 // Move generation: evasions, captures, under-promotions and quiet moves, each in a
 // fixed order with its sort scores, plus the castling tests they share.
 #include "board/board_internal.h"
-#include "uci/options.h"
+#include "board/records.h"
 
 namespace {
 

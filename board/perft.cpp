@@ -1,7 +1,7 @@
 // Leaf counts of the legal move tree, through the same generators, tags and make_move
 // that the search uses.
 #include "board/board.h"
-#include "search/thread.h"
+#include "board/records.h"
 
 // The pseudo-legal moves of the top position, tagged the way the search tags them:
 // quiet moves keep the generator's mark, all others go through tag_check when made.

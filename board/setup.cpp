@@ -2,7 +2,7 @@
 // and moves.
 #include <cstring>
 #include "board/board_internal.h"
-#include "search/thread.h"
+#include "board/records.h"
 
 namespace {
 

@@ -11,6 +11,7 @@ u64 ep_capturers_rank5[8];
 u64 ep_capturers_rank4[8];
 u64 between_table[64][64];
 u32 direction_table[64][64];
+u64 ray_table[64][64];
 u64 zobrist[1037];
 const i32 piece_value[8] = {0, 100, 300, 300, 500, 1000, 2000, 0};
 
@@ -158,6 +159,7 @@ void init_board_tables() {
         for (int b = 0; b < 64; ++b) {
             between_table[a][b] = 0;
             direction_table[a][b] = 8;
+            ray_table[a][b] = 0;
         }
         for (int d = 0; d < 8; ++d) {
             int f = (a & 7) + dir_step[d][0], k = (a >> 3) + dir_step[d][1];
@@ -170,6 +172,7 @@ void init_board_tables() {
                 f += dir_step[d][0];
                 k += dir_step[d][1];
             }
+            for (u64 b = path; b;) ray_table[a][pop_lsb(b)] = path;
         }
     }
     init_castle_tables();

@@ -3,7 +3,7 @@
 // The file is opened by name at every lookup, searched with seeks and 16-byte reads,
 // and closed again: nothing of it is kept in memory. Every failure is silent.
 #pragma once
-#include "search/thread.h"
+#include "board/records.h"
 
 // One record of a book file, fields converted to host order.
 struct BookEntry {

@@ -2,7 +2,6 @@
 // ply are formed when the ply is evaluated, from the nearest ancestor that has them.
 #include "eval/accumulator.h"
 #include "eval/kernels.h"
-#include "search/thread.h"
 
 #ifdef VESTRA_EVAL_AVX2
 #include <immintrin.h>

@@ -1,15 +1,7 @@
-// Per-ply records of the search: the FeatureDelta of the move made at the ply and the
-// first-layer sums (the accumulator) of the position at the ply.
+// The lazy accumulator: the per-ply record (PlyRecord) is one of the shared records;
+// here are the routines that bring its sums up to date and evaluate.
 #pragma once
-#include "board/board.h"
-
-constexpr int HALF_SIZE = 256;
-
-struct alignas(64) PlyRecord {
-    u8 computed;          // sums valid
-    FeatureDelta delta;   // the move made at this ply
-    alignas(64) i16 sums[2][HALF_SIZE];  // half 0: side to move at this ply
-};
+#include "board/records.h"
 
 // Brings the sums of ply p up to date from the nearest computed ancestor.
 void catch_up(SearchThread* thread, int ply);

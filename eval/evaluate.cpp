@@ -2,14 +2,10 @@
 // arithmetic is exact integer work, so the vector and the plain code agree to the bit.
 #include "eval/accumulator.h"
 #include "eval/kernels.h"
-#include "search/thread.h"
-#include "uci/options.h"
 
 #ifdef VESTRA_EVAL_AVX2
 #include <immintrin.h>
 #endif
-
-constexpr i32 EVAL_LIMIT = 30966;
 
 namespace {
 inline u8 clamp127(i32 x) { return u8(x < 0 ? 0 : x > 127 ? 127 : x); }
@@ -87,19 +83,41 @@ i32 network_output_avx2(const i16* half0, const i16* half1) {
         }
     }
 
+    // First layer over the non-zero groups of four inputs only: after the clamp a good
+    // part of them are zero. Each group adds its four products for all 32 neurons,
+    // neuron j in lane j of the four sums; the pairwise products cannot saturate
+    // (inputs stay below 128), so skipping and reordering leave the sums exact.
     const __m256i ones = _mm256_set1_epi16(1);
-    __m256i sums[4];
-    for (int g = 0; g < 4; ++g) {
-        __m256i acc[8];
-        for (int n = 0; n < 8; ++n) acc[n] = _mm256_setzero_si256();
-        for (int c = 0; c < NET_INPUTS; c += 32) {
-            __m256i in = _mm256_load_si256(reinterpret_cast<const __m256i*>(input + c));
-            for (int n = 0; n < 8; ++n)
-                acc[n] = _mm256_add_epi32(acc[n], dot_bytes(in, &hidden1_working[g * 8 + n][c], ones));
+    __m256i sums[4], more[4];
+    for (int k = 0; k < 4; ++k) sums[k] = more[k] = _mm256_setzero_si256();
+    const i32* groups = reinterpret_cast<const i32*>(input);
+    for (int c = 0; c < NET_INPUTS / 4; c += 64) {
+        u64 live = 0;
+        for (int v = 0; v < 8; ++v) {
+            __m256i in = _mm256_load_si256(reinterpret_cast<const __m256i*>(groups + c + 8 * v));
+            __m256i nonzero = _mm256_cmpgt_epi32(in, _mm256_setzero_si256());
+            live |= u64(u32(_mm256_movemask_ps(_mm256_castsi256_ps(nonzero)))) << (8 * v);
         }
-        sums[g] = _mm256_add_epi32(
-            reduce8(acc), _mm256_loadu_si256(reinterpret_cast<const __m256i*>(network_image->hidden1_biases + g * 8)));
+        // Two groups a round into two sets of sums, so that the adds do not wait on
+        // each other.
+        while (live) {
+            int g = c + pop_lsb(live);
+            const __m256i* w = reinterpret_cast<const __m256i*>(hidden1_by_group[g]);
+            __m256i in = _mm256_set1_epi32(groups[g]);
+            for (int k = 0; k < 4; ++k)
+                sums[k] = _mm256_add_epi32(sums[k], _mm256_madd_epi16(_mm256_maddubs_epi16(in, w[k]), ones));
+            if (!live) break;
+            g = c + pop_lsb(live);
+            w = reinterpret_cast<const __m256i*>(hidden1_by_group[g]);
+            in = _mm256_set1_epi32(groups[g]);
+            for (int k = 0; k < 4; ++k)
+                more[k] = _mm256_add_epi32(more[k], _mm256_madd_epi16(_mm256_maddubs_epi16(in, w[k]), ones));
+        }
     }
+    for (int k = 0; k < 4; ++k)
+        sums[k] = _mm256_add_epi32(
+            _mm256_add_epi32(sums[k], more[k]),
+            _mm256_loadu_si256(reinterpret_cast<const __m256i*>(network_image->hidden1_biases + k * 8)));
     __m256i h1 = activate32(sums);
 
     for (int g = 0; g < 4; ++g) {

@@ -2,7 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include "search/platform.h"
+#include "board/platform.h"
 
 extern "C" const unsigned char vestra_network_image[], vestra_network_image_end[];
 
@@ -11,6 +11,7 @@ const NetworkImage* network_image = reinterpret_cast<const NetworkImage*>(vestra
 alignas(64) i8 hidden1_working[NET_HIDDEN1][NET_INPUTS];
 alignas(64) i8 hidden2_working[NET_HIDDEN2][NET_HIDDEN1];
 alignas(64) i8 output_working[NET_HIDDEN2];
+alignas(64) i8 hidden1_by_group[NET_INPUTS / 4][NET_HIDDEN1][4];
 
 int network_check(const NetworkImage* image, char* message, size_t size) {
     for (int layer = 0; layer < 4; ++layer) {
@@ -28,6 +29,8 @@ void network_startup_check() {
     std::memcpy(hidden1_working, network_image->hidden1_weights, sizeof hidden1_working);
     std::memcpy(hidden2_working, network_image->hidden2_weights, sizeof hidden2_working);
     std::memcpy(output_working, network_image->output_weights, sizeof output_working);
+    for (int i = 0; i < NET_INPUTS; ++i)
+        for (int j = 0; j < NET_HIDDEN1; ++j) hidden1_by_group[i / 4][j][i % 4] = hidden1_working[j][i];
     char message[96];
     if (network_check(network_image, message, sizeof message)) {
         std::fputs(message, stdout);

@@ -83,6 +83,10 @@ extern const NetworkImage* network_image;
 extern i8 hidden1_working[NET_HIDDEN1][NET_INPUTS];
 extern i8 hidden2_working[NET_HIDDEN2][NET_HIDDEN1];
 extern i8 output_working[NET_HIDDEN2];
+// The first matrix again, by groups of four inputs: [i / 4][j][i % 4] holds
+// hidden1_working[j][i]. One 32-bit broadcast of four inputs then meets the weights of
+// all 32 neurons in four vectors, and a group of four zero inputs can be passed over.
+extern i8 hidden1_by_group[NET_INPUTS / 4][NET_HIDDEN1][4];
 
 // Checks that an image was quantised for this engine's shifts. Returns 0 when it
 // fits; otherwise the number (1..4) of the first layer whose fractional bits differ,

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include "search/platform.h"
+#include "board/platform.h"
 #include "search/search.h"
 #include "search/tt.h"
 

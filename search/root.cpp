@@ -7,7 +7,7 @@
 #include <ctime>
 #include "search/search.h"
 #include "search/tt.h"
-#include "uci/report.h"
+#include "search/report.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include "book/book.h"
 #include "search/search.h"
 #include "tb/tb.h"
-#include "uci/report.h"
+#include "search/report.h"
 
 Budget compute_budget(i64 T, i64 I, i32 M, i32 P, bool ponder, i32 move_overhead, int root_move_count, i32 strength,
                       i64 node_limit) {

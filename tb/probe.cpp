@@ -1,6 +1,5 @@
 // WDL and DTZ probes, with the small search over captures and en passant that the
 // tables leave out, and the filtering of the root moves.
-#include "search/score.h"
 #include "tb/tb.h"
 
 static const i32 wdl_to_dtz[5] = {-1, -101, 0, 101, 1};

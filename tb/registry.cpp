@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include "search/platform.h"
+#include "board/platform.h"
 #include "tb/tb.h"
 
 RegistrySlot tb_registry[TB_REGISTRY_SIZE];

@@ -1,7 +1,8 @@
 // Syzygy endgame tables: the compiled-in 3- and 4-man set and SyzygyPath directories.
 #pragma once
 #include <atomic>
-#include "search/thread.h"
+#include "board/platform.h"
+#include "board/records.h"
 
 // Rebuilds the registry from a ";"-separated directory list ("<empty>" for none) plus
 // the compiled-in tables; returns the most men of any table known.

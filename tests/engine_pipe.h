@@ -110,6 +110,10 @@ struct EnginePipe {
             int status = 0;
             if (waitpid(pid, &status, WNOHANG) == pid) {
                 pid = -1;
+                // What the engine wrote just before it ended is still in the pipe.
+                std::string rest;
+                while (read_line(&rest, 100)) {
+                }
                 if (WIFSIGNALED(status)) std::fprintf(stderr, "engine killed by signal %d\n", WTERMSIG(status));
                 return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
             }

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 #include "search_fixture.h"
-#include "uci/report.h"
+#include "search/report.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include <cstdio>
 #include <cstring>
-#include "search/platform.h"
+#include "board/platform.h"
 #include "uci/uci.h"
 
 int main(int argc, char** argv) {

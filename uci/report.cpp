@@ -1,4 +1,4 @@
-#include "uci/report.h"
+#include "search/report.h"
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

@@ -7,7 +7,7 @@
 #include "search/search.h"
 #include "search/think.h"
 #include "tb/tb.h"
-#include "uci/report.h"
+#include "search/report.h"
 
 const char* const benchmark_positions[10] = {
     "1qr3k1/p3bppp/4pn2/1B2n3/N7/P3P2P/1P2QPP1/2R1B2K w - -",

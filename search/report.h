@@ -1,4 +1,6 @@
 // What a running search prints: the info line of an iteration and the bestmove line.
+// The search calls these; the front end (uci/report.cpp) writes them, so that the
+// declarations stand here and the includes still run from the front end downward.
 #pragma once
 #include "search/thread.h"
 

@@ -11,6 +11,8 @@ const NetworkImage* network_image = reinterpret_cast<const NetworkImage*>(vestra
 alignas(64) i8 hidden1_working[NET_HIDDEN1][NET_INPUTS];
 alignas(64) i8 hidden2_working[NET_HIDDEN2][NET_HIDDEN1];
 alignas(64) i8 output_working[NET_HIDDEN2];
+u32 network_generation = 0;
+
 alignas(64) i8 hidden1_by_group[NET_INPUTS / 4][NET_HIDDEN1][4];
 
 int network_check(const NetworkImage* image, char* message, size_t size) {
@@ -26,6 +28,7 @@ int network_check(const NetworkImage* image, char* message, size_t size) {
 }
 
 void network_startup_check() {
+    ++network_generation;
     std::memcpy(hidden1_working, network_image->hidden1_weights, sizeof hidden1_working);
     std::memcpy(hidden2_working, network_image->hidden2_weights, sizeof hidden2_working);
     std::memcpy(output_working, network_image->output_weights, sizeof output_working);

@@ -88,6 +88,10 @@ extern i8 output_working[NET_HIDDEN2];
 // all 32 neurons in four vectors, and a group of four zero inputs can be passed over.
 extern i8 hidden1_by_group[NET_INPUTS / 4][NET_HIDDEN1][4];
 
+// Counts the calls of network_startup_check, so that what is derived from an image can
+// tell a new image at an old address.
+extern u32 network_generation;
+
 // Checks that an image was quantised for this engine's shifts. Returns 0 when it
 // fits; otherwise the number (1..4) of the first layer whose fractional bits differ,
 // with the message for it written to `message` (room for 96 bytes).

@@ -1,5 +1,5 @@
 // Leaf counts of the legal move tree, through the same generators, tags and make_move
-// that the search uses.
+// that the search uses; the last ply is counted, not listed, by count_legal_moves.
 #include "board/board.h"
 #include "board/records.h"
 

@@ -177,6 +177,7 @@ struct MovePicker {
     int stage;
     u32 tt_move;
     u32 counter;  // looked up at stage 5; 0 until then
+    u64 pinned;   // pinned_men, from the generation stage on
     ScoredMove* end;
     ScoredMove list[MAX_MOVES];
 };
@@ -193,8 +194,11 @@ enum : int {
     PICK_SCORE_ONLY,  // in check: the scoring pass of the quiet stage, without generation
 };
 
-inline bool playable_quiet(const Position* pos, u32 m, u32 tt_move) {
-    return m && !same_move(m, tt_move) && quiet_is_possible(pos, m) && !leaves_king_attacked(pos, m);
+// Killers and the counter move are quiet moves that quiet_is_possible admits; out of
+// check (the only time they are tried) the pins decide their legality as they decide
+// that of the generators' moves.
+inline bool playable_quiet(const Position* pos, u32 m, u32 tt_move, u64 pinned) {
+    return m && !same_move(m, tt_move) && quiet_is_possible(pos, m) && !exposes_king(pos, m, pinned);
 }
 
 u32 next_move(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int depth, bool in_check,
@@ -210,6 +214,7 @@ u32 next_move(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int
         case PICK_GENERATE:
             mp->end = in_check ? gen_evasions(pos, mp->list, depth >= 8) : gen_captures(pos, mp->list);
             prefetch_captures(pos, mp->list, mp->end);
+            mp->pinned = pinned_men(pos);
             mp->stage = PICK_GOOD_CAPTURES;
             [[fallthrough]];
         case PICK_GOOD_CAPTURES:
@@ -219,7 +224,7 @@ u32 next_move(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int
                 if (e->score < SCORE_WINNING) break;
                 mp->end = e;
                 u32 m = e->move;
-                if (same_move(m, mp->tt_move) || leaves_king_attacked(pos, m)) continue;
+                if (same_move(m, mp->tt_move) || exposes_king(pos, m, mp->pinned)) continue;
                 if (piece_value[move_piece(m)] > piece_value[move_captured(m)]) {
                     i32 v = see(pos, m);
                     if (v < 0) {
@@ -241,7 +246,7 @@ u32 next_move(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int
         case PICK_KILLER_1: {
             mp->stage = PICK_KILLER_2;
             u32 k = t->killers[ply][0];
-            if (playable_quiet(pos, k, mp->tt_move)) {
+            if (playable_quiet(pos, k, mp->tt_move, mp->pinned)) {
                 tag_check(pos, &k);
                 *score = SCORE_KILLER;
                 return k;
@@ -251,7 +256,7 @@ u32 next_move(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int
         case PICK_KILLER_2: {
             mp->stage = PICK_COUNTER;
             u32 k = t->killers[ply][1];
-            if (playable_quiet(pos, k, mp->tt_move)) {
+            if (playable_quiet(pos, k, mp->tt_move, mp->pinned)) {
                 tag_check(pos, &k);
                 *score = SCORE_KILLER;
                 return k;
@@ -262,7 +267,7 @@ u32 next_move(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int
             mp->stage = PICK_QUIETS;
             u32 c = *counter_slot(t, side_of(pos), prev_move);
             mp->counter = c;
-            if (c != t->killers[ply][0] && c != t->killers[ply][1] && playable_quiet(pos, c, mp->tt_move)) {
+            if (c != t->killers[ply][0] && c != t->killers[ply][1] && playable_quiet(pos, c, mp->tt_move, mp->pinned)) {
                 tag_check(pos, &c);
                 *score = SCORE_KILLER;
                 return c;
@@ -289,7 +294,7 @@ u32 next_move(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int
                 if (!in_check && (same_move(m, t->killers[ply][0]) || same_move(m, t->killers[ply][1]) ||
                                   same_move(m, mp->counter)))
                     continue;
-                if (same_move(m, mp->tt_move) || leaves_king_attacked(pos, m)) continue;
+                if (same_move(m, mp->tt_move) || exposes_king(pos, m, mp->pinned)) continue;
                 if (in_check || is_tactical(m)) tag_check(pos, &m);
                 *score = e->score;
                 return m;
@@ -304,6 +309,7 @@ u32 next_move(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int
 struct QPicker {
     int stage;
     u32 tt_move;
+    u64 pinned;  // pinned_men, from the generation stage on
     ScoredMove* end;
     ScoredMove list[MAX_MOVES];
 };
@@ -318,6 +324,7 @@ u32 next_qmove(SearchThread* t, QPicker* mp, const Position* pos, bool in_check,
         case 1:
             mp->end = in_check ? gen_evasions(pos, mp->list, 0) : gen_captures(pos, mp->list);
             prefetch_captures(pos, mp->list, mp->end);
+            mp->pinned = pinned_men(pos);
             mp->stage = 2;
             [[fallthrough]];
         case 2:
@@ -327,7 +334,7 @@ u32 next_qmove(SearchThread* t, QPicker* mp, const Position* pos, bool in_check,
                 if (e->score < SCORE_WINNING) break;
                 mp->end = e;
                 u32 m = e->move;
-                if (same_move(m, mp->tt_move) || leaves_king_attacked(pos, m)) continue;
+                if (same_move(m, mp->tt_move) || exposes_king(pos, m, mp->pinned)) continue;
                 tag_check(pos, &m);
                 return m;
             }
@@ -339,7 +346,7 @@ u32 next_qmove(SearchThread* t, QPicker* mp, const Position* pos, bool in_check,
             while (mp->end > mp->list) {
                 pick_best(mp->list, mp->end);
                 u32 m = (--mp->end)->move;
-                if (same_move(m, mp->tt_move) || leaves_king_attacked(pos, m)) continue;
+                if (same_move(m, mp->tt_move) || exposes_king(pos, m, mp->pinned)) continue;
                 if (!(m & MOVE_GIVES_CHECK)) tag_check(pos, &m);
                 return m;
             }

@@ -91,12 +91,33 @@ i32 network_output_avx2(const i16* half0, const i16* half1) {
     __m256i sums[4], more[4];
     for (int k = 0; k < 4; ++k) sums[k] = more[k] = _mm256_setzero_si256();
     const i32* groups = reinterpret_cast<const i32*>(input);
+    const bool four_a_lane = hidden1_groups_per_lane >= 4;
     for (int c = 0; c < NET_INPUTS / 4; c += 64) {
         u64 live = 0;
         for (int v = 0; v < 8; ++v) {
             __m256i in = _mm256_load_si256(reinterpret_cast<const __m256i*>(groups + c + 8 * v));
             __m256i nonzero = _mm256_cmpgt_epi32(in, _mm256_setzero_si256());
             live |= u64(u32(_mm256_movemask_ps(_mm256_castsi256_ps(nonzero)))) << (8 * v);
+        }
+        // With small enough weights, up to four groups share the 16-bit pair sums before
+        // they are widened, which saves the multiplier three widenings in four; the
+        // 16-bit sums cannot leave their range, so the totals stay exact.
+        if (four_a_lane) {
+            while (live) {
+                int g = c + pop_lsb(live);
+                const __m256i* w = reinterpret_cast<const __m256i*>(hidden1_by_group[g]);
+                __m256i in = _mm256_set1_epi32(groups[g]);
+                __m256i pairs[4];
+                for (int k = 0; k < 4; ++k) pairs[k] = _mm256_maddubs_epi16(in, w[k]);
+                for (int n = 1; n < 4 && live; ++n) {
+                    g = c + pop_lsb(live);
+                    w = reinterpret_cast<const __m256i*>(hidden1_by_group[g]);
+                    in = _mm256_set1_epi32(groups[g]);
+                    for (int k = 0; k < 4; ++k) pairs[k] = _mm256_add_epi16(pairs[k], _mm256_maddubs_epi16(in, w[k]));
+                }
+                for (int k = 0; k < 4; ++k) sums[k] = _mm256_add_epi32(sums[k], _mm256_madd_epi16(pairs[k], ones));
+            }
+            continue;
         }
         // Two groups a round into two sets of sums, so that the adds do not wait on
         // each other.

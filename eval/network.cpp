@@ -1,4 +1,5 @@
 #include "eval/network.h"
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +15,7 @@ alignas(64) i8 output_working[NET_HIDDEN2];
 u32 network_generation = 0;
 
 alignas(64) i8 hidden1_by_group[NET_INPUTS / 4][NET_HIDDEN1][4];
+int hidden1_groups_per_lane = 1;
 
 int network_check(const NetworkImage* image, char* message, size_t size) {
     for (int layer = 0; layer < 4; ++layer) {
@@ -34,6 +36,10 @@ void network_startup_check() {
     std::memcpy(output_working, network_image->output_weights, sizeof output_working);
     for (int i = 0; i < NET_INPUTS; ++i)
         for (int j = 0; j < NET_HIDDEN1; ++j) hidden1_by_group[i / 4][j][i % 4] = hidden1_working[j][i];
+    int largest = 1;
+    for (const auto& row : hidden1_working)
+        for (i8 w : row) largest = std::max(largest, w < 0 ? -int(w) : int(w));
+    hidden1_groups_per_lane = std::clamp(32767 / (2 * 127 * largest), 1, 4);
     char message[96];
     if (network_check(network_image, message, sizeof message)) {
         std::fputs(message, stdout);

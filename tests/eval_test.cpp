@@ -146,6 +146,18 @@ TEST(Network, VectorAndPlainKernelsAgree) {
         for (int i = 0; i < NET_HALF; ++i) half0[i] = half1[i] = 255;
         ASSERT_EQ(network_output_avx2(half0, half1), network_output_scalar(half0, half1)) << magnitude;
     }
+    // The same for the second matrix, behind a first layer whose every neuron is at its
+    // ceiling.
+    for (int magnitude : {32, 33}) {
+        ImagePtr net = random_image(8, 30, 3, 300);
+        for (auto& row : net->hidden1_weights)
+            for (auto& w : row) w = 1;
+        for (int j = 0; j < NET_HIDDEN2; ++j)
+            for (int i = 0; i < NET_HIDDEN1; ++i) net->hidden2_weights[j][i] = i8(j & 1 ? magnitude : -magnitude);
+        UseImage use(net.get());
+        for (int i = 0; i < NET_HALF; ++i) half0[i] = half1[i] = 255;
+        ASSERT_EQ(network_output_avx2(half0, half1), network_output_scalar(half0, half1)) << magnitude;
+    }
 #endif
 }
 

@@ -87,7 +87,11 @@ extern u64 knight_attack_table[64];
 extern u64 king_attack_table[64];
 extern u64 ep_capturers_rank5[8];
 extern u64 ep_capturers_rank4[8];
+// between_table[a][b]: for b on a line of a, the squares after a up to and including b.
 extern u64 between_table[64][64];
+// ray_table[a][b]: for b on a line of a, the squares from a through b on to the edge
+// of the board, a excluded; 0 when the two are not aligned.
+extern u64 ray_table[64][64];
 extern u32 direction_table[64][64];
 extern u64 zobrist[1037];
 extern const i32 piece_value[8];
@@ -134,11 +138,25 @@ ScoredMove* gen_underpromotions(const Position* pos, ScoredMove* list);
 ScoredMove* gen_quiets(const Position* pos, ScoredMove* list, int checks_only);
 // All legal moves, tagged with MOVE_GIVES_CHECK (for tools, replay and tests).
 ScoredMove* gen_legal(const Position* pos, ScoredMove* list);
+// The number of moves gen_legal would list, counted by target sets without listing
+// them (perft's last ply).
+int count_legal_moves(const Position* pos);
 
 void make_move(SearchThread* thread, u32 move, FeatureDelta* delta);
 void make_null_move(SearchThread* thread);
 
 u64 leaves_king_attacked(const Position* pos, u32 move);
+// Own men that stand alone on a line between the own king and an enemy slider.
+u64 pinned_men(const Position* pos);
+// leaves_king_attacked, as a truth value, for a move that a generator of the position
+// produced, given pinned_men of the position. Such a move of a man other than the king
+// already answers any single check, so only a pinned man leaving its line can expose
+// the king; king moves and en passant (which empties a second square) take the full test.
+inline bool exposes_king(const Position* pos, u32 move, u64 pinned) {
+    if (move_piece(move) == KING || (move & MOVE_IS_EN_PASSANT)) return leaves_king_attacked(pos, move) != 0;
+    const int from = move_from(move);
+    return (pinned & bit(from)) && !(ray_table[own_king_square(pos)][from] & bit(move_to(move)));
+}
 void tag_check(const Position* pos, u32* move);
 
 u32 pack_move(u32 move);

@@ -26,10 +26,6 @@ inline u64 own_pawn_sources(u64 b) {
     return ((b >> 9) & 0x7f7f7f7f7f7f7fULL) | ((b >> 7) & 0xfefefefefefefeULL);
 }
 
-// ray_table[a][b]: for b on a line of a, the squares from a through b on to the edge
-// of the board, a excluded; 0 when the two are not aligned.
-extern u64 ray_table[64][64];
-
 // Castling sets for Chess960, by side (0 king-side, 1 queen-side), king file and rook
 // file. castle_empty: squares that must be empty; castle_test: squares the king crosses
 // that must not be attacked; castle_far: rank-1 squares beyond the king's destination

@@ -37,6 +37,19 @@ u64 leaves_king_attacked(const Position* p, u32 move) {
     return king_attacked_after(p, move);
 }
 
+u64 pinned_men(const Position* p) {
+    const int k = own_king_square(p);
+    const u64 opp = p->occupied ^ p->own;
+    // Enemy sliders that would see the king through own men only.
+    u64 snipers = ((rook_attacks(k, opp) & (p->rooks | p->queens)) | (bishop_attacks(k, opp) & (p->bishops | p->queens))) & opp;
+    u64 pinned = 0;
+    while (snipers) {
+        const u64 b = between_table[k][pop_lsb(snipers)] & p->own;
+        if (!(b & (b - 1))) pinned |= b;
+    }
+    return pinned;
+}
+
 void tag_check(const Position* p, u32* move) {
     const u32 m = *move;
     const int from = move_from(m), to = move_to(m);

@@ -336,3 +336,75 @@ ScoredMove* gen_legal(const Position* p, ScoredMove* list) {
     }
     return out;
 }
+
+namespace {
+
+// Legal moves of the pawns in `pawns` (all free to leave their line, or all pinned to
+// the same ray `line`) onto `target`; a promotion counts its four pieces.
+inline int count_pawn_moves(u64 pawns, u64 empty, u64 opp, u64 target) {
+    const u64 single = (pawns << 8) & empty;
+    const u64 pushes = (single | ((single & RANK_3) << 8 & empty)) & target;
+    const u64 left = (pawns << 7) & opp & 0x7f7f7f7f7f7f7f7fULL & target;
+    const u64 right = (pawns << 9) & opp & 0xfefefefefefefefeULL & target;
+    return popcount(pushes) + popcount(left) + popcount(right) +
+           3 * (popcount(pushes & RANK_8) + popcount(left & RANK_8) + popcount(right & RANK_8));
+}
+
+}  // namespace
+
+int count_legal_moves(const Position* p) {
+    const u64 occ = p->occupied, own = p->own, opp = occ ^ own, empty = ~occ;
+    const int k = own_king_square(p);
+    int n = 0;
+    // The king's squares, each tested with the king gone from its origin.
+    const u64 without_king = occ ^ bit(k);
+    const u64 diag = (p->bishops | p->queens) & opp, straight = (p->rooks | p->queens) & opp;
+    for (u64 t = king_attack_table[k] & ~own; t;) {
+        const int to = pop_lsb(t);
+        const u64 att = (p->knights & knight_attack_table[to]) | (p->kings & king_attack_table[to]) |
+                        (p->pawns & enemy_pawn_sources(bit(to))) | (bishop_attacks(to, without_king) & diag) |
+                        (rook_attacks(to, without_king) & straight);
+        n += !(att & opp & ~bit(to));
+    }
+
+    u64 target = ~own;
+    int checker = -1;
+    if (p->flags & POS_IN_CHECK) {
+        const u64 checkers = opp & ((enemy_pawn_sources(bit(k)) & p->pawns) | (knight_attack_table[k] & p->knights) |
+                                    (bishop_attacks(k, occ) & (p->bishops | p->queens)) |
+                                    (rook_attacks(k, occ) & (p->rooks | p->queens)));
+        if (checkers & (checkers - 1)) return n;
+        checker = lsb(checkers);
+        target = between_table[k][checker] | checkers;
+    }
+
+    const u64 pinned = pinned_men(p);
+    for (int pc = KNIGHT; pc <= QUEEN; ++pc) {
+        for (u64 men = p->boards[pc] & own; men;) {
+            const int from = pop_lsb(men);
+            u64 t = piece_attacks(pc, from, occ) & target;
+            if (pinned & bit(from)) t &= ray_table[k][from];
+            n += popcount(t);
+        }
+    }
+    const u64 pawns = p->pawns & own;
+    n += count_pawn_moves(pawns & ~pinned, empty, opp, target);
+    for (u64 men = pawns & pinned; men;) {
+        const int from = pop_lsb(men);
+        n += count_pawn_moves(bit(from), empty, opp, target & ray_table[k][from]);
+    }
+
+    // En passant empties a second square, and castling crosses several: both keep the
+    // full test. In check en passant only answers the double step that gave it.
+    const int f = ep_file(p->flags);
+    if (f != EP_NONE && (checker < 0 || checker == 32 + f)) {
+        for (u64 men = pawns & ep_capturers_rank5[f]; men;)
+            n += !leaves_king_attacked(p, EP_FLAGS | u32(pop_lsb(men)) << 3 | u32(40 + f) << 9);
+    }
+    if (checker < 0) {
+        for (int side = 0; side < 2; ++side)
+            if (castling_allowed(p, side))
+                n += !leaves_king_attacked(p, make_move_word(KING, k, side ? 2 : 6) | MOVE_IS_CASTLING);
+    }
+    return n;
+}

@@ -1,5 +1,5 @@
 // Leaf counts of the legal move tree, through the same generators, tags and make_move
-// that the search uses.
+// that the search uses; the last ply is counted, not listed, by count_legal_moves.
 #include "board/board.h"
 #include "board/records.h"
 
@@ -14,18 +14,16 @@ static ScoredMove* gen_all(const Position* p, ScoredMove* list) {
 
 u64 perft(SearchThread* thread, int depth) {
     if (depth <= 0) return 1;
-    ScoredMove list[MAX_MOVES];
     const Position* p = thread->top;
+    if (depth == 1) return u64(count_legal_moves(p));
+    ScoredMove list[MAX_MOVES];
     ScoredMove* end = gen_all(p, list);
+    const u64 pinned = pinned_men(p);
     u64 nodes = 0;
-    if (depth == 1) {
-        for (ScoredMove* m = list; m < end; ++m) nodes += leaves_king_attacked(p, m->move) == 0;
-        return nodes;
-    }
     const bool in_check = p->flags & POS_IN_CHECK;
     for (ScoredMove* m = list; m < end; ++m) {
         u32 mv = m->move;
-        if (leaves_king_attacked(p, mv)) continue;
+        if (exposes_king(p, mv, pinned)) continue;
         // Quiet moves carry their mark from gen_quiets; everything else is tagged here.
         if (in_check || (mv & (MOVE_IS_CAPTURE | MOVE_IS_PROMOTION))) tag_check(p, &mv);
         make_move(thread, mv, nullptr);

@@ -74,6 +74,16 @@ struct alignas(64) PlyRecord {
     alignas(64) i16 sums[2][HALF_SIZE];  // half 0: side to move at this ply
 };
 
+// The sums of one half as they were last formed for one king square, with the men they
+// count (in the owner's frame: own pawns to queens, then the enemy's) and the castling
+// rows (bit 0 king-side, bit 1 queen-side). A half whose king has moved is formed from
+// here by the men that differ, instead of from every man on the board.
+struct alignas(64) KingCacheEntry {
+    i16 sums[HALF_SIZE];
+    u64 men[10];
+    u8 castling;
+};
+
 // Two words: key ^ data, then data. Relaxed atomics compile to plain 64-bit moves;
 // a torn pair simply fails the XOR test and reads as a miss.
 struct TTEntry {
@@ -104,6 +114,11 @@ struct alignas(64) SearchThread {
     i16 cont_history_1[2][7][64][7][64];
     i16 cont_history_2[2][7][64][7][64];
     PlyRecord ply_records[MAX_PLY];
+    // By the owner's real colour and king square; it holds for the image and the
+    // image generation below, and is rebuilt from the biases when either differs.
+    KingCacheEntry king_cache[2][64];
+    const void* king_cache_image = nullptr;
+    u32 king_cache_generation = 0;
 };
 
 struct SearchShared {

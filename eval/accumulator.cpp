@@ -2,6 +2,7 @@
 // ply are formed when the ply is evaluated, from the nearest ancestor that has them.
 #include "eval/accumulator.h"
 #include "eval/kernels.h"
+#include <cstring>
 
 #ifdef VESTRA_EVAL_AVX2
 #include <immintrin.h>
@@ -136,6 +137,66 @@ void refresh_half_with(const Position* pos, int h, i16* half) {
     batch.flush();
 }
 
+void reset_king_cache(SearchThread* thread) {
+    for (auto& colour : thread->king_cache)
+        for (KingCacheEntry& e : colour) {
+            std::memcpy(e.sums, network_image->feature_biases, sizeof e.sums);
+            std::memset(e.men, 0, sizeof e.men);
+            e.castling = 0;
+        }
+    thread->king_cache_image = network_image;
+    thread->king_cache_generation = network_generation;
+}
+
+// Half h formed from the cache entry of its king: i16 sums wrap around, so adding and
+// taking away rows in any order gives the sums that refresh_half would.
+template <RowsApply apply>
+void refresh_half_cached(SearchThread* thread, const Position* pos, int h, i16* half) {
+    if (thread->king_cache_image != network_image || thread->king_cache_generation != network_generation)
+        reset_king_cache(thread);
+    u64 own = pos->own, enemy = pos->occupied ^ pos->own;
+    int k = own_king_square(pos);
+    u32 castling = pos->castling;
+    if (h == 1) {
+        own = bswap64(enemy);
+        enemy = bswap64(pos->own);
+        k = enemy_king_square(pos) ^ 56;
+        castling >>= 8;
+    }
+    const int colour = ((pos->flags & POS_BLACK) ? 1 : 0) ^ h;
+    KingCacheEntry& e = thread->king_cache[colour][k];
+
+    RowBatch<apply> batch;
+    batch.dst = e.sums;
+    batch.src = e.sums;
+    for (int code = PAWN; code <= QUEEN; ++code) {
+        const u64 b = h ? bswap64(pos->boards[code]) : pos->boards[code];
+        const u64 now[2] = {b & own, b & enemy};
+        for (int side = 0; side < 2; ++side) {
+            const int plane = code - 1 + 5 * side;
+            u64& was = e.men[plane];
+            for (u64 added = now[side] & ~was; added;) {
+                batch.need(1);
+                batch.plus(feature_row(plane, pop_lsb(added), k));
+            }
+            for (u64 removed = was & ~now[side]; removed;) {
+                batch.need(1);
+                batch.minus(feature_row(plane, pop_lsb(removed), k));
+            }
+            was = now[side];
+        }
+    }
+    const u8 rights = u8(((castling & 0xf) != NO_RIGHT ? 1 : 0) | (((castling >> 4) & 0xf) != NO_RIGHT ? 2 : 0));
+    batch.need(2);
+    for (int r = 0; r < 2; ++r) {
+        if ((rights & ~e.castling) & (1 << r)) batch.plus(NET_CASTLING_ROW + r);
+        if ((e.castling & ~rights) & (1 << r)) batch.minus(NET_CASTLING_ROW + r);
+    }
+    e.castling = rights;
+    if (batch.add_count || batch.sub_count) batch.flush();
+    std::memcpy(half, e.sums, sizeof e.sums);
+}
+
 template <RowsApply apply>
 void catch_up_with(SearchThread* thread, int p) {
     PlyRecord* records = thread->ply_records;
@@ -156,7 +217,7 @@ void catch_up_with(SearchThread* thread, int p) {
     for (int h = 0; h < 2; ++h) {
         i16* half = records[p].sums[h];
         if (rebuild[h]) {
-            refresh_half_with<apply>(pos, h, half);
+            refresh_half_cached<apply>(thread, pos, h, half);
             continue;
         }
         RowBatch<apply> batch;

@@ -91,12 +91,33 @@ i32 network_output_avx2(const i16* half0, const i16* half1) {
     __m256i sums[4], more[4];
     for (int k = 0; k < 4; ++k) sums[k] = more[k] = _mm256_setzero_si256();
     const i32* groups = reinterpret_cast<const i32*>(input);
+    const bool four_a_lane = hidden1_groups_per_lane >= 4;
     for (int c = 0; c < NET_INPUTS / 4; c += 64) {
         u64 live = 0;
         for (int v = 0; v < 8; ++v) {
             __m256i in = _mm256_load_si256(reinterpret_cast<const __m256i*>(groups + c + 8 * v));
             __m256i nonzero = _mm256_cmpgt_epi32(in, _mm256_setzero_si256());
             live |= u64(u32(_mm256_movemask_ps(_mm256_castsi256_ps(nonzero)))) << (8 * v);
+        }
+        // With small enough weights, up to four groups share the 16-bit pair sums before
+        // they are widened, which saves the multiplier three widenings in four; the
+        // 16-bit sums cannot leave their range, so the totals stay exact.
+        if (four_a_lane) {
+            while (live) {
+                int g = c + pop_lsb(live);
+                const __m256i* w = reinterpret_cast<const __m256i*>(hidden1_by_group[g]);
+                __m256i in = _mm256_set1_epi32(groups[g]);
+                __m256i pairs[4];
+                for (int k = 0; k < 4; ++k) pairs[k] = _mm256_maddubs_epi16(in, w[k]);
+                for (int n = 1; n < 4 && live; ++n) {
+                    g = c + pop_lsb(live);
+                    w = reinterpret_cast<const __m256i*>(hidden1_by_group[g]);
+                    in = _mm256_set1_epi32(groups[g]);
+                    for (int k = 0; k < 4; ++k) pairs[k] = _mm256_add_epi16(pairs[k], _mm256_maddubs_epi16(in, w[k]));
+                }
+                for (int k = 0; k < 4; ++k) sums[k] = _mm256_add_epi32(sums[k], _mm256_madd_epi16(pairs[k], ones));
+            }
+            continue;
         }
         // Two groups a round into two sets of sums, so that the adds do not wait on
         // each other.
@@ -120,11 +141,30 @@ i32 network_output_avx2(const i16* half0, const i16* half1) {
             _mm256_loadu_si256(reinterpret_cast<const __m256i*>(network_image->hidden1_biases + k * 8)));
     __m256i h1 = activate32(sums);
 
-    for (int g = 0; g < 4; ++g) {
-        __m256i acc[8];
-        for (int n = 0; n < 8; ++n) acc[n] = dot_bytes(h1, hidden2_working[g * 8 + n], ones);
-        sums[g] = _mm256_add_epi32(
-            reduce8(acc), _mm256_loadu_si256(reinterpret_cast<const __m256i*>(network_image->hidden2_biases + g * 8)));
+    if (hidden2_groups_per_lane >= 4) {
+        // As the first layer: each group of four activations broadcast against the 32
+        // neurons' weights, four groups to a 16-bit sum; no horizontal additions.
+        for (int k = 0; k < 4; ++k)
+            sums[k] = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(network_image->hidden2_biases + k * 8));
+        for (int g0 = 0; g0 < NET_HIDDEN1 / 4; g0 += 4) {
+            __m256i pairs[4];
+            for (int g = g0; g < g0 + 4; ++g) {
+                const __m256i* w = reinterpret_cast<const __m256i*>(hidden2_by_group[g]);
+                const __m256i in = _mm256_permutevar8x32_epi32(h1, _mm256_set1_epi32(g));
+                for (int k = 0; k < 4; ++k) {
+                    const __m256i p = _mm256_maddubs_epi16(in, _mm256_load_si256(w + k));
+                    pairs[k] = g == g0 ? p : _mm256_add_epi16(pairs[k], p);
+                }
+            }
+            for (int k = 0; k < 4; ++k) sums[k] = _mm256_add_epi32(sums[k], _mm256_madd_epi16(pairs[k], ones));
+        }
+    } else {
+        for (int g = 0; g < 4; ++g) {
+            __m256i acc[8];
+            for (int n = 0; n < 8; ++n) acc[n] = dot_bytes(h1, hidden2_working[g * 8 + n], ones);
+            sums[g] = _mm256_add_epi32(reduce8(acc), _mm256_loadu_si256(reinterpret_cast<const __m256i*>(
+                                                         network_image->hidden2_biases + g * 8)));
+        }
     }
     __m256i h2 = activate32(sums);
 

@@ -1,4 +1,5 @@
 #include "eval/network.h"
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,7 +12,16 @@ const NetworkImage* network_image = reinterpret_cast<const NetworkImage*>(vestra
 alignas(64) i8 hidden1_working[NET_HIDDEN1][NET_INPUTS];
 alignas(64) i8 hidden2_working[NET_HIDDEN2][NET_HIDDEN1];
 alignas(64) i8 output_working[NET_HIDDEN2];
+u32 network_generation = 0;
+
 alignas(64) i8 hidden1_by_group[NET_INPUTS / 4][NET_HIDDEN1][4];
+int hidden1_groups_per_lane = 1;
+alignas(64) i8 hidden2_by_group[NET_HIDDEN1 / 4][NET_HIDDEN2][4];
+int hidden2_groups_per_lane = 1;
+
+// Groups of four inputs whose pairwise products (inputs below 128) may be added in one
+// 16-bit lane, for a matrix whose largest weight magnitude is `largest`; 1 to 4.
+static int groups_per_lane(int largest) { return std::clamp(32767 / (2 * 127 * std::max(largest, 1)), 1, 4); }
 
 int network_check(const NetworkImage* image, char* message, size_t size) {
     for (int layer = 0; layer < 4; ++layer) {
@@ -26,11 +36,22 @@ int network_check(const NetworkImage* image, char* message, size_t size) {
 }
 
 void network_startup_check() {
+    ++network_generation;
     std::memcpy(hidden1_working, network_image->hidden1_weights, sizeof hidden1_working);
     std::memcpy(hidden2_working, network_image->hidden2_weights, sizeof hidden2_working);
     std::memcpy(output_working, network_image->output_weights, sizeof output_working);
     for (int i = 0; i < NET_INPUTS; ++i)
         for (int j = 0; j < NET_HIDDEN1; ++j) hidden1_by_group[i / 4][j][i % 4] = hidden1_working[j][i];
+    for (int i = 0; i < NET_HIDDEN1; ++i)
+        for (int j = 0; j < NET_HIDDEN2; ++j) hidden2_by_group[i / 4][j][i % 4] = hidden2_working[j][i];
+    int largest = 0;
+    for (const auto& row : hidden1_working)
+        for (i8 w : row) largest = std::max(largest, w < 0 ? -int(w) : int(w));
+    hidden1_groups_per_lane = groups_per_lane(largest);
+    largest = 0;
+    for (const auto& row : hidden2_working)
+        for (i8 w : row) largest = std::max(largest, w < 0 ? -int(w) : int(w));
+    hidden2_groups_per_lane = groups_per_lane(largest);
     char message[96];
     if (network_check(network_image, message, sizeof message)) {
         std::fputs(message, stdout);

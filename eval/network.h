@@ -87,6 +87,17 @@ extern i8 output_working[NET_HIDDEN2];
 // hidden1_working[j][i]. One 32-bit broadcast of four inputs then meets the weights of
 // all 32 neurons in four vectors, and a group of four zero inputs can be passed over.
 extern i8 hidden1_by_group[NET_INPUTS / 4][NET_HIDDEN1][4];
+// How many groups' pairwise products (each within 2 * 127 * the largest weight of the
+// first matrix) may be added in one 16-bit lane without leaving its range: 1 to 4.
+extern int hidden1_groups_per_lane;
+// The second matrix by groups of four inputs likewise, and its own count of groups
+// that may share a 16-bit lane.
+extern i8 hidden2_by_group[NET_HIDDEN1 / 4][NET_HIDDEN2][4];
+extern int hidden2_groups_per_lane;
+
+// Counts the calls of network_startup_check, so that what is derived from an image can
+// tell a new image at an old address.
+extern u32 network_generation;
 
 // Checks that an image was quantised for this engine's shifts. Returns 0 when it
 // fits; otherwise the number (1..4) of the first layer whose fractional bits differ,

@@ -48,6 +48,25 @@ inline void count_node(SearchThread* t) {
     t->nodes.store(t->nodes.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 
+// The table slot of the position after a capture, to be fetched while the moves before
+// it are searched. Castling rights and a new en-passant file are left out: a slot missed
+// now and then costs only the fetch.
+inline void prefetch_after(const Position* pos, u32 m) {
+    const int s = pos->flags & POS_BLACK, piece = move_piece(m), from = move_from(m), to = move_to(m);
+    const int arrived = (m & MOVE_IS_PROMOTION) ? move_promotion(m) : piece;
+    u64 key = pos->key ^ zobrist[1036] ^ zobrist[(piece + s) * 64 + from] ^ zobrist[(arrived + s) * 64 + to];
+    const int c = (m & MOVE_IS_EN_PASSANT) ? to - 8 : to;
+    key ^= zobrist[((((move_captured(m) + 8) ^ s) * 64) + c) ^ 56];
+    const int ep = ep_file(pos->flags);
+    if (ep != EP_NONE) key ^= zobrist[1028 + ep];
+    __builtin_prefetch(tt_slot(key));
+}
+
+inline void prefetch_captures(const Position* pos, const ScoredMove* begin, const ScoredMove* end) {
+    for (const ScoredMove* e = begin; e < end; ++e)
+        if (e->move & MOVE_IS_CAPTURE) prefetch_after(pos, e->move);
+}
+
 // Head of every node: the main thread polls the clock and node limit every
 // check_interval nodes; every thread leaves at once when stop is set.
 inline void poll_and_count(SearchThread* t) {
@@ -158,6 +177,7 @@ struct MovePicker {
     int stage;
     u32 tt_move;
     u32 counter;  // looked up at stage 5; 0 until then
+    u64 pinned;   // pinned_men, from the generation stage on
     ScoredMove* end;
     ScoredMove list[MAX_MOVES];
 };
@@ -174,8 +194,11 @@ enum : int {
     PICK_SCORE_ONLY,  // in check: the scoring pass of the quiet stage, without generation
 };
 
-inline bool playable_quiet(const Position* pos, u32 m, u32 tt_move) {
-    return m && !same_move(m, tt_move) && quiet_is_possible(pos, m) && !leaves_king_attacked(pos, m);
+// Killers and the counter move are quiet moves that quiet_is_possible admits; out of
+// check (the only time they are tried) the pins decide their legality as they decide
+// that of the generators' moves.
+inline bool playable_quiet(const Position* pos, u32 m, u32 tt_move, u64 pinned) {
+    return m && !same_move(m, tt_move) && quiet_is_possible(pos, m) && !exposes_king(pos, m, pinned);
 }
 
 u32 next_move(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int depth, bool in_check,
@@ -190,6 +213,8 @@ u32 next_move(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int
             [[fallthrough]];
         case PICK_GENERATE:
             mp->end = in_check ? gen_evasions(pos, mp->list, depth >= 8) : gen_captures(pos, mp->list);
+            prefetch_captures(pos, mp->list, mp->end);
+            mp->pinned = pinned_men(pos);
             mp->stage = PICK_GOOD_CAPTURES;
             [[fallthrough]];
         case PICK_GOOD_CAPTURES:
@@ -199,7 +224,7 @@ u32 next_move(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int
                 if (e->score < SCORE_WINNING) break;
                 mp->end = e;
                 u32 m = e->move;
-                if (same_move(m, mp->tt_move) || leaves_king_attacked(pos, m)) continue;
+                if (same_move(m, mp->tt_move) || exposes_king(pos, m, mp->pinned)) continue;
                 if (piece_value[move_piece(m)] > piece_value[move_captured(m)]) {
                     i32 v = see(pos, m);
                     if (v < 0) {
@@ -221,7 +246,7 @@ u32 next_move(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int
         case PICK_KILLER_1: {
             mp->stage = PICK_KILLER_2;
             u32 k = t->killers[ply][0];
-            if (playable_quiet(pos, k, mp->tt_move)) {
+            if (playable_quiet(pos, k, mp->tt_move, mp->pinned)) {
                 tag_check(pos, &k);
                 *score = SCORE_KILLER;
                 return k;
@@ -231,7 +256,7 @@ u32 next_move(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int
         case PICK_KILLER_2: {
             mp->stage = PICK_COUNTER;
             u32 k = t->killers[ply][1];
-            if (playable_quiet(pos, k, mp->tt_move)) {
+            if (playable_quiet(pos, k, mp->tt_move, mp->pinned)) {
                 tag_check(pos, &k);
                 *score = SCORE_KILLER;
                 return k;
@@ -242,7 +267,7 @@ u32 next_move(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int
             mp->stage = PICK_QUIETS;
             u32 c = *counter_slot(t, side_of(pos), prev_move);
             mp->counter = c;
-            if (c != t->killers[ply][0] && c != t->killers[ply][1] && playable_quiet(pos, c, mp->tt_move)) {
+            if (c != t->killers[ply][0] && c != t->killers[ply][1] && playable_quiet(pos, c, mp->tt_move, mp->pinned)) {
                 tag_check(pos, &c);
                 *score = SCORE_KILLER;
                 return c;
@@ -269,7 +294,7 @@ u32 next_move(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int
                 if (!in_check && (same_move(m, t->killers[ply][0]) || same_move(m, t->killers[ply][1]) ||
                                   same_move(m, mp->counter)))
                     continue;
-                if (same_move(m, mp->tt_move) || leaves_king_attacked(pos, m)) continue;
+                if (same_move(m, mp->tt_move) || exposes_king(pos, m, mp->pinned)) continue;
                 if (in_check || is_tactical(m)) tag_check(pos, &m);
                 *score = e->score;
                 return m;
@@ -284,6 +309,7 @@ u32 next_move(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int
 struct QPicker {
     int stage;
     u32 tt_move;
+    u64 pinned;  // pinned_men, from the generation stage on
     ScoredMove* end;
     ScoredMove list[MAX_MOVES];
 };
@@ -297,6 +323,8 @@ u32 next_qmove(SearchThread* t, QPicker* mp, const Position* pos, bool in_check,
             [[fallthrough]];
         case 1:
             mp->end = in_check ? gen_evasions(pos, mp->list, 0) : gen_captures(pos, mp->list);
+            prefetch_captures(pos, mp->list, mp->end);
+            mp->pinned = pinned_men(pos);
             mp->stage = 2;
             [[fallthrough]];
         case 2:
@@ -306,7 +334,7 @@ u32 next_qmove(SearchThread* t, QPicker* mp, const Position* pos, bool in_check,
                 if (e->score < SCORE_WINNING) break;
                 mp->end = e;
                 u32 m = e->move;
-                if (same_move(m, mp->tt_move) || leaves_king_attacked(pos, m)) continue;
+                if (same_move(m, mp->tt_move) || exposes_king(pos, m, mp->pinned)) continue;
                 tag_check(pos, &m);
                 return m;
             }
@@ -318,7 +346,7 @@ u32 next_qmove(SearchThread* t, QPicker* mp, const Position* pos, bool in_check,
             while (mp->end > mp->list) {
                 pick_best(mp->list, mp->end);
                 u32 m = (--mp->end)->move;
-                if (same_move(m, mp->tt_move) || leaves_king_attacked(pos, m)) continue;
+                if (same_move(m, mp->tt_move) || exposes_king(pos, m, mp->pinned)) continue;
                 if (!(m & MOVE_GIVES_CHECK)) tag_check(pos, &m);
                 return m;
             }

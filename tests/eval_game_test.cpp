@@ -166,6 +166,51 @@ TEST(Accumulator, IncrementalEqualsRefreshAlongRandomGames) {
     EXPECT_GT(nulls, 100);
 }
 
+// The sums a king move brings up come partly from what earlier king moves left behind;
+// none of that may outlive the image it was computed with, even when a new image is
+// written over the old one at the same address.
+TEST(Accumulator, KingMovesAfterAnImageChange) {
+    auto t = new_thread();
+    ImagePtr net = random_image(5, 64, 4, 1000);
+    const char* fen = "r3k2r/pp3ppp/8/8/8/8/PP3PPP/R3K2R w KQkq - 0 1";
+    auto walk = [&](const char* moves) {
+        set_position(t.get(), fen, "");
+        t->ply_records[0].computed = 0;
+        catch_up(t.get(), 0);
+        expect_fresh(t.get(), 0, moves);
+        int ply = 0;
+        for (const char* m = moves; *m; m += *m == ' ') {
+            char text[6] = {};
+            std::memcpy(text, m, 4);
+            m += 4;
+            u32 move = 0;
+            ScoredMove list[MAX_MOVES];
+            for (ScoredMove* e = list, *end = gen_legal(t->top, list); e < end; ++e) {
+                char mt[8];
+                move_text(t->top, e->move, mt);
+                if (!std::strcmp(mt, text)) move = e->move;
+            }
+            ASSERT_NE(move, 0u) << text;
+            make_move(t.get(), move, &t->ply_records[ply].delta);
+            t->ply_records[++ply].computed = 0;
+            catch_up(t.get(), ply);
+            expect_fresh(t.get(), ply, moves);
+        }
+    };
+    const char* moves = "e1f1 e8d8 f1e1 d8e8 e1d1 e8f8 d1e1 f8e8";
+    {
+        UseImage use(net.get());
+        walk(moves);
+    }
+    ImagePtr other = random_image(6, 64, 4, 1000);
+    std::memcpy(net.get(), other.get(), sizeof(NetworkImage));
+    {
+        UseImage use(net.get());
+        walk(moves);
+    }
+    walk(moves);
+}
+
 // Rows are found by their numbers: an image whose row r carries r itself in neurons
 // 0 and 1 shows which row a lone man switched on, for each half.
 TEST(Accumulator, RowNumbers) {

@@ -110,9 +110,11 @@ TEST(Network, VectorAndPlainKernelsAgree) {
 
     // Weight spans from saturating to fine, so that every clamp is met from both
     // sides and the middle.
-    const int spans[][2] = {{127, 4000}, {20, 2000}, {3, 300}};
+    // The spans of 33 and 31 lie on either side of the largest weight (32) with which
+    // four groups' products still share a 16-bit sum.
+    const int spans[][2] = {{127, 4000}, {33, 3000}, {31, 3000}, {20, 2000}, {3, 300}};
     alignas(64) i16 half0[NET_HALF], half1[NET_HALF];
-    for (int s = 0; s < 3; ++s) {
+    for (int s = 0; s < 5; ++s) {
         ImagePtr net = random_image(100 + s, 30, spans[s][0], spans[s][1]);
         UseImage use(net.get());
         std::vector<i32> seen;
@@ -131,6 +133,30 @@ TEST(Network, VectorAndPlainKernelsAgree) {
         }
         std::sort(seen.begin(), seen.end());
         EXPECT_GT(std::unique(seen.begin(), seen.end()) - seen.begin(), 500) << "span " << s;
+    }
+
+    // The largest products there are: every input at its ceiling against first-matrix
+    // weights of one magnitude, 32 (four groups may share a 16-bit sum) and 33 (they
+    // may not), of both signs.
+    for (int magnitude : {32, 33}) {
+        ImagePtr net = random_image(7, 30, 3, 300);
+        for (int j = 0; j < NET_HIDDEN1; ++j)
+            for (int i = 0; i < NET_INPUTS; ++i) net->hidden1_weights[j][i] = i8(j & 1 ? magnitude : -magnitude);
+        UseImage use(net.get());
+        for (int i = 0; i < NET_HALF; ++i) half0[i] = half1[i] = 255;
+        ASSERT_EQ(network_output_avx2(half0, half1), network_output_scalar(half0, half1)) << magnitude;
+    }
+    // The same for the second matrix, behind a first layer whose every neuron is at its
+    // ceiling.
+    for (int magnitude : {32, 33}) {
+        ImagePtr net = random_image(8, 30, 3, 300);
+        for (auto& row : net->hidden1_weights)
+            for (auto& w : row) w = 1;
+        for (int j = 0; j < NET_HIDDEN2; ++j)
+            for (int i = 0; i < NET_HIDDEN1; ++i) net->hidden2_weights[j][i] = i8(j & 1 ? magnitude : -magnitude);
+        UseImage use(net.get());
+        for (int i = 0; i < NET_HALF; ++i) half0[i] = half1[i] = 255;
+        ASSERT_EQ(network_output_avx2(half0, half1), network_output_scalar(half0, half1)) << magnitude;
     }
 #endif
 }

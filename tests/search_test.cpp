@@ -7,6 +7,7 @@
 #include <vector>
 #include "search_fixture.h"
 #include "search/report.h"
+#include "board/rng.h"
 
 namespace {
 
@@ -388,4 +389,41 @@ TEST_F(SearchTest, LinesStopAtTheEndOfThePositionStack) {
     EXPECT_EQ(t->top, high);
     EXPECT_NE(best, 0u);
     EXPECT_LT(score < 0 ? -score : score, MATE_THRESHOLD);
+}
+
+// The move picker's choice: the highest score, and of the entries that hold it the one
+// nearest the end. Lists of every length up to well past a vector's width, with scores
+// from a few values (so that ties abound) among them the extremes of the range, and
+// moves that repeat the scores' bit patterns.
+TEST(MovePicking, HighestScoreNearestTheEndIsMovedLast) {
+    Rng r{99};
+    const i32 values[] = {INT32_MIN, INT32_MIN + 1, -5, 0, 7, SCORE_KILLER, SCORE_WINNING, INT32_MAX};
+    int ties = 0;
+    for (int round = 0; round < 4000; ++round) {
+        const int n = 1 + r.below(80);
+        const int spread = 2 + r.below(7);
+        ScoredMove list[MAX_MOVES];
+        for (int i = 0; i < n; ++i) {
+            list[i].score = values[r.below(spread)];
+            list[i].move = r.below(2) ? u32(values[r.below(8)]) : u32(i);
+        }
+        int expected = 0, holders = 0;
+        for (int i = 0; i < n; ++i)
+            if (list[i].score >= list[expected].score) expected = i;
+        for (int i = 0; i < n; ++i) holders += list[i].score == list[expected].score;
+        ties += holders > 1;
+        ScoredMove before[MAX_MOVES];
+        std::memcpy(before, list, sizeof(ScoredMove) * size_t(n));
+        pick_best(list, list + n);
+        ASSERT_EQ(list[n - 1].score, before[expected].score) << "length " << n;
+        ASSERT_EQ(list[n - 1].move, before[expected].move) << "length " << n;
+        // The entry that stood last takes the chosen one's place; the rest stay put.
+        ASSERT_EQ(list[expected].move, before[n - 1].move) << "length " << n;
+        for (int i = 0; i < n - 1; ++i) {
+            if (i != expected) {
+                ASSERT_EQ(list[i].move, before[i].move) << "length " << n;
+            }
+        }
+    }
+    EXPECT_GT(ties, 1000);
 }

@@ -318,15 +318,15 @@ ScoredMove* gen_quiets(const Position* p, ScoredMove* l, int checks_only) {
     return l;
 }
 
+ScoredMove* gen_pseudo_legal(const Position* p, ScoredMove* list) {
+    if (p->flags & POS_IN_CHECK) return gen_evasions(p, list, 1);
+    ScoredMove* end = gen_underpromotions(p, list);
+    end = gen_quiets(p, end, 0);
+    return gen_captures(p, end);
+}
+
 ScoredMove* gen_legal(const Position* p, ScoredMove* list) {
-    ScoredMove* end;
-    if (p->flags & POS_IN_CHECK) {
-        end = gen_evasions(p, list, 1);
-    } else {
-        end = gen_underpromotions(p, list);
-        end = gen_quiets(p, end, 0);
-        end = gen_captures(p, end);
-    }
+    ScoredMove* end = gen_pseudo_legal(p, list);
     ScoredMove* out = list;
     for (ScoredMove* m = list; m < end; ++m) {
         if (leaves_king_attacked(p, m->move)) continue;

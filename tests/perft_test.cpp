@@ -28,14 +28,7 @@ static int compare_shortcuts(SearchThread* t, int depth) {
     EXPECT_EQ(count_legal_moves(p), legal_end - legal) << fen;
 
     ScoredMove offered[MAX_MOVES];
-    ScoredMove* end = offered;
-    if (p->flags & POS_IN_CHECK) {
-        end = gen_evasions(p, end, 1);
-    } else {
-        end = gen_underpromotions(p, end);
-        end = gen_quiets(p, end, 0);
-        end = gen_captures(p, end);
-    }
+    ScoredMove* end = gen_pseudo_legal(p, offered);
     const u64 pinned = pinned_men(p);
     for (ScoredMove* m = offered; m < end; ++m) {
         char text[8];

@@ -87,9 +87,9 @@ fi
 
 perft=$(dirname "$new_bench")/vestra-perft
 if [ -x "$perft" ]; then
-  for spec in "6|rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - 0 1|start position" \
+  for job in "6|rnbqkbnr/pppppppp/8/8/8/8/PPPPPPPP/RNBQKBNR w KQkq - 0 1|start position" \
               "5|r3k2r/p1ppqpb1/bn2pnp1/3PN3/1p2P3/2N2Q1p/PPPBBPPP/R3K2R w KQkq - 0 1|Kiwipete"; do
-    IFS='|' read -r d fen name <<< "$spec"
+    IFS='|' read -r d fen name <<< "$job"
     # vestra-perft prints "nodes N seconds S nps R"; the best of three runs.
     for r in 1 2 3; do "$perft" "$d" "$fen"; done | sort -k4 -n | head -1 |
       awk -v d="$d" -v name="$name" '{ printf "perft %-14s depth %s: %s nodes, %s s, %d nodes/s (best of 3)\n", name, d, $2, $4, $6 }'

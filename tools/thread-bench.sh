@@ -2,14 +2,23 @@
 # Time to depth and nodes per second with 1 and 2 (or more) threads on the ten
 # benchmark positions, through the engine's UCI interface.
 #
-#   tools/thread-bench.sh [ENGINE] [DEPTH] [THREADS...]     defaults: build/vestra 13 1 2
+#   tools/thread-bench.sh [-r RUNS] [ENGINE] [DEPTHS] [THREADS...]
+#       defaults: 1 run, build/vestra, depth 13, threads 1 2
+#
+# DEPTHS is one depth or several in quotes ("17 19"): each is searched from a fresh
+# table, and the time to depth is summed over them. With several runs the thread
+# counts alternate run by run, and the median of the runs' speed-ups is printed too.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+runs=1
+if [ "${1:-}" = -r ]; then runs=$2; shift 2; fi
 engine=${1:-$root/build/vestra}
-depth=${2:-13}
+depths=${2:-13}
 shift $(( $# > 2 ? 2 : $# ))
 threads=("$@")
 [ ${#threads[@]} -gt 0 ] || threads=(1 2)
+tmp=$(mktemp -d)
+trap 'rm -rf "$tmp"' EXIT
 
 positions=(
   "1qr3k1/p3bppp/4pn2/1B2n3/N7/P3P2P/1P2QPP1/2R1B2K w - -"
@@ -24,32 +33,52 @@ positions=(
   "8/p4k2/1p3r2/2pPnb2/2Pr3P/PPK3P1/4B1Q1/8 b - -"
 )
 
-declare -A total_time total_nodes
-for t in "${threads[@]}"; do
+# One search of every position to depth $2 with $1 threads; prints "ms nodes", the
+# time and node count of each search's last full-depth line, summed.
+measure() {
   {
-    echo "setoption name Threads value $t"
+    echo "setoption name Threads value $1"
     echo "setoption name Hash value 64"
     for fen in "${positions[@]}"; do
       echo "ucinewgame"
       echo "position fen $fen"
-      echo "go depth $depth"
+      echo "go depth $2"
       echo "isready"
     done
     echo "quit"
-  } | "$engine" > "/tmp/thread-bench-$t.txt"
-  # The last full-depth line of each search carries its time and node count.
-  read -r ms nodes < <(awk -v d="$depth" '
+  } | "$engine" > "$tmp/out.txt"
+  awk -v d="$2" '
     $1 == "info" && $5 == d { last_time = $7; last_nodes = $9 }
     $1 == "bestmove" { tt += last_time; nn += last_nodes }
-    END { print tt, nn }' "/tmp/thread-bench-$t.txt")
-  total_time[$t]=$ms
-  total_nodes[$t]=$nodes
-  printf 'threads %-3s depth %s: time %6d ms  nodes %10d  nps %9d\n' "$t" "$depth" "$ms" "$nodes" $(( nodes * 1000 / (ms + 1) ))
-done
+    END { print tt, nn }' "$tmp/out.txt"
+}
+
 base=${threads[0]}
-for t in "${threads[@]}"; do
-  [ "$t" = "$base" ] && continue
-  awk -v a="${total_time[$base]}" -v b="${total_time[$t]}" -v na="${total_nodes[$base]}" -v nb="${total_nodes[$t]}" \
-    -v ta="${total_time[$base]}" -v t="$t" -v base="$base" 'BEGIN {
-      printf "time-to-depth speed-up %s vs %s threads: %.2f; nps ratio: %.2f\n", t, base, a / b, (nb / (b + 1)) / (na / (ta + 1)) }'
+for ((r = 1; r <= runs; ++r)); do
+  declare -A total_time=() total_nodes=()
+  for t in "${threads[@]}"; do
+    total_time[$t]=0 total_nodes[$t]=0
+    for d in $depths; do
+      read -r ms nodes < <(measure "$t" "$d")
+      printf 'run %s threads %-3s depth %s: time %6d ms  nodes %10d  nps %9d\n' "$r" "$t" "$d" "$ms" "$nodes" \
+        $(( nodes * 1000 / (ms + 1) ))
+      total_time[$t]=$(( total_time[$t] + ms )) total_nodes[$t]=$(( total_nodes[$t] + nodes ))
+    done
+  done
+  for t in "${threads[@]}"; do
+    [ "$t" = "$base" ] && continue
+    awk -v a="${total_time[$base]}" -v b="${total_time[$t]}" -v na="${total_nodes[$base]}" -v nb="${total_nodes[$t]}" \
+      -v t="$t" -v base="$base" -v r="$r" -v d="$depths" 'BEGIN {
+        printf "run %s, depths %s: time-to-depth speed-up %s vs %s threads: %.2f; nps ratio: %.2f\n",
+          r, d, t, base, a / b, (nb / (b + 1)) / (na / (a + 1)) }' | tee -a "$tmp/speedup-$t"
+  done
 done
+if [ "$runs" -gt 1 ]; then
+  for t in "${threads[@]}"; do
+    [ "$t" = "$base" ] && continue
+    awk '{ print $(NF - 3) }' "$tmp/speedup-$t" | tr -d ';' | sort -n |
+      awk -v t="$t" -v base="$base" -v n="$runs" '{ v[NR] = $1 } END {
+        m = NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2
+        printf "median of %d runs: time-to-depth speed-up %s vs %s threads: %.2f (spread %.2f-%.2f)\n", n, t, base, m, v[1], v[NR] }'
+  done
+fi

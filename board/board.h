@@ -136,9 +136,9 @@ ScoredMove* gen_evasions(const Position* pos, ScoredMove* list, int with_underpr
 ScoredMove* gen_captures(const Position* pos, ScoredMove* list);
 ScoredMove* gen_underpromotions(const Position* pos, ScoredMove* list);
 ScoredMove* gen_quiets(const Position* pos, ScoredMove* list, int checks_only);
-// All legal moves, tagged with MOVE_GIVES_CHECK (for tools, replay and tests).
 // Every move of the position before the legality test: evasions in check, else all.
 ScoredMove* gen_pseudo_legal(const Position* pos, ScoredMove* list);
+// All legal moves, tagged with MOVE_GIVES_CHECK (for tools, replay and tests).
 ScoredMove* gen_legal(const Position* pos, ScoredMove* list);
 // The number of moves gen_legal would list, counted by target sets without listing
 // them (perft's last ply).

@@ -68,15 +68,16 @@ for ((r = 1; r <= runs; ++r)); do
   for t in "${threads[@]}"; do
     [ "$t" = "$base" ] && continue
     awk -v a="${total_time[$base]}" -v b="${total_time[$t]}" -v na="${total_nodes[$base]}" -v nb="${total_nodes[$t]}" \
-      -v t="$t" -v base="$base" -v r="$r" -v d="$depths" 'BEGIN {
+      -v t="$t" -v base="$base" -v r="$r" -v d="$depths" -v out="$tmp/speedup-$t" 'BEGIN {
         printf "run %s, depths %s: time-to-depth speed-up %s vs %s threads: %.2f; nps ratio: %.2f\n",
-          r, d, t, base, a / b, (nb / (b + 1)) / (na / (a + 1)) }' | tee -a "$tmp/speedup-$t"
+          r, d, t, base, a / b, (nb / (b + 1)) / (na / (a + 1))
+        print a / b >> out }'
   done
 done
 if [ "$runs" -gt 1 ]; then
   for t in "${threads[@]}"; do
     [ "$t" = "$base" ] && continue
-    awk '{ print $(NF - 3) }' "$tmp/speedup-$t" | tr -d ';' | sort -n |
+    sort -n "$tmp/speedup-$t" |
       awk -v t="$t" -v base="$base" -v n="$runs" '{ v[NR] = $1 } END {
         m = NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2
         printf "median of %d runs: time-to-depth speed-up %s vs %s threads: %.2f (spread %.2f-%.2f)\n", n, t, base, m, v[1], v[NR] }'

@@ -48,17 +48,15 @@ inline void count_node(SearchThread* t) {
     t->nodes.store(t->nodes.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 
-// The table slot of the position after a move: a capture's is fetched while the moves
-// before it are searched, a quiet move's while it is being made. Castling rights and a
-// new en-passant file are left out: a slot missed now and then costs only the fetch.
+// The table slot of the position after a capture, to be fetched while the moves before
+// it are searched. Castling rights and a new en-passant file are left out: a slot missed
+// now and then costs only the fetch.
 inline void prefetch_after(const Position* pos, u32 m) {
     const int s = pos->flags & POS_BLACK, piece = move_piece(m), from = move_from(m), to = move_to(m);
     const int arrived = (m & MOVE_IS_PROMOTION) ? move_promotion(m) : piece;
     u64 key = pos->key ^ zobrist[1036] ^ zobrist[(piece + s) * 64 + from] ^ zobrist[(arrived + s) * 64 + to];
-    if (m & MOVE_IS_CAPTURE) {
-        const int c = (m & MOVE_IS_EN_PASSANT) ? to - 8 : to;
-        key ^= zobrist[((((move_captured(m) + 8) ^ s) * 64) + c) ^ 56];
-    }
+    const int c = (m & MOVE_IS_EN_PASSANT) ? to - 8 : to;
+    key ^= zobrist[((((move_captured(m) + 8) ^ s) * 64) + c) ^ 56];
     const int ep = ep_file(pos->flags);
     if (ep != EP_NONE) key ^= zobrist[1028 + ep];
     __builtin_prefetch(tt_slot(key));
@@ -363,7 +361,6 @@ inline void store_entry(u64 key, int depth, u32 move, u32 bound, i32 score, int 
 }
 
 inline void push_move(SearchThread* t, u32 m, int ply) {
-    if (!(m & MOVE_IS_CAPTURE)) prefetch_after(t->top, m);
     make_move(t, m, &t->ply_records[ply].delta);
     t->static_eval[ply + 1] = NO_SCORE;
     t->ply_records[ply + 1].computed = 0;

@@ -8,6 +8,8 @@
 # DEPTHS is one depth or several in quotes ("17 19"): each is searched from a fresh
 # table, and the time to depth is summed over them. With several runs the thread
 # counts alternate run by run, and the median of the runs' speed-ups is printed too.
+# HASH sets the table size in MB (default 256, the engine's default: a smaller table
+# costs two threads more than one, as each overwrites the other's entries).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 runs=1
@@ -38,7 +40,7 @@ positions=(
 measure() {
   {
     echo "setoption name Threads value $1"
-    echo "setoption name Hash value 64"
+    echo "setoption name Hash value ${HASH:-256}"
     for fen in "${positions[@]}"; do
       echo "ucinewgame"
       echo "position fen $fen"

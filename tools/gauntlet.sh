@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Vestra against the UCI engines from Debian's packages (ethereal-chess, gnuchess,
-# glaurung, toga2) and against itself with net 0, the hand-made first network (net0),
-# played in pieces so that a long gauntlet survives the end of a session:
+# glaurung, toga2), against itself with net 0, the hand-made first network (net0), and
+# with two threads against itself with one (threads: one game at a time, so that the
+# two-thread side has both cores while it thinks), played in pieces so that a long
+# gauntlet survives the end of a session:
 #
 #   tools/gauntlet.sh [-g GAMES] [-n PIECE] [-t TC] [-c N] [OPPONENT...]
 #     -g GAMES   games against each opponent in all (default 200)
@@ -12,7 +14,8 @@
 # 12 hex digits of data/vestra.nnue's SHA-256, so results belong to one network); an
 # interrupted piece is played again. Commit that directory to keep the games. Openings
 # are taken from tests/data/openings.epd in file order, each piece starting where the
-# previous one stopped. Every engine plays on one thread with 256 MB of hash. Missing
+# previous one stopped. Every engine plays on one thread (but the two-thread side of
+# threads) with 256 MB of hash. Missing
 # Debian opponents are installed with apt-get. Prints the score so far against each
 # opponent (default: all five).
 set -euo pipefail
@@ -36,18 +39,19 @@ declare -A command=(
   [toga2]="/usr/games/toga2 option.Hash=256"
   [ethereal-chess]="/usr/games/ethereal-chess option.Threads=1 option.Hash=256"
   [net0]="$work/vestra-net0"
+  [threads]="ENGINE option.Threads=1"
 )
 [ -f "$root/build/CMakeCache.txt" ] || cmake -S "$root" -B "$root/build" >/dev/null
 cmake --build "$root/build" -j2 --target vestra vestra-makenet >/dev/null
 for o in "${opponents[@]}"; do
-  [ -n "${command[$o]:-}" ] || { echo "unknown opponent $o (ethereal-chess, gnuchess, glaurung, toga2, net0)"; exit 2; }
+  [ -n "${command[$o]:-}" ] || { echo "unknown opponent $o (ethereal-chess, gnuchess, glaurung, toga2, net0, threads)"; exit 2; }
   if [ "$o" = net0 ]; then
     # The image is compiled in, so net 0 gets a build of its own.
     [ -f "$work/gen0.nnue" ] || "$root/build/tools/vestra-makenet" "$work/gen0.nnue" >/dev/null
     cmake -S "$root" -B "$work/build-net0" -DVESTRA_NETWORK="$work/gen0.nnue" -DVESTRA_TESTS=OFF >/dev/null
     cmake --build "$work/build-net0" -j2 --target vestra >/dev/null
     cp "$work/build-net0/vestra" "$work/vestra-net0"
-  elif [ ! -x "/usr/games/$o" ]; then
+  elif [ "$o" != threads ] && [ ! -x "/usr/games/$o" ]; then
     apt-get install -y "$o" >/dev/null
   fi
 done
@@ -76,8 +80,10 @@ for o in "${opponents[@]}"; do
     pgn=$work/gauntlet-$net-$o-$start.pgn
     rm -f "$pgn"
     echo "== $o: games $((done_games + 1)) to $((done_games + n)), openings from $start"
-    "$root/tools/match.sh" -g "$n" -t "$tc" -c "$conc" -s "$start" -p "$pgn" \
-      "$engine" "${command[$o]}" | grep -E '^(Elo|Games)|loses on time|illegal|disconnect|crash' || true
+    opponent=${command[$o]/ENGINE/$engine} first=() c=$conc
+    [ "$o" = threads ] && first=(-o option.Threads=2) c=1
+    "$root/tools/match.sh" -g "$n" -t "$tc" -c "$c" -s "$start" -p "$pgn" "${first[@]}" \
+      "$engine" "$opponent" | grep -E '^(Elo|Games)|loses on time|illegal|disconnect|crash' || true
     got=$(grep -c '^\[Result ' "$pgn" || true)
     [ "$got" -ge "$n" ] || { echo "piece ended after $got of $n games"; exit 1; }
     gzip -c "$pgn" > "$results/$o-$(printf %04d "$start").pgn.gz"

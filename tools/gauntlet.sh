@@ -15,16 +15,15 @@
 # interrupted piece is played again. Commit that directory to keep the games. Openings
 # are taken from tests/data/openings.epd in file order, each piece starting where the
 # previous one stopped. Every engine plays on one thread (but the two-thread side of
-# threads) with 256 MB of hash. Missing
-# Debian opponents are installed with apt-get. Prints the score so far against each
-# opponent (default: all five).
+# threads) with 256 MB of hash. Missing Debian opponents are installed with apt-get.
+# Prints the score so far against each opponent (default: all five).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 games=200 piece=50 tc=10+0.1 conc=2
 while getopts "g:n:t:c:" opt; do
   case $opt in
     g) games=$OPTARG ;; n) piece=$OPTARG ;; t) tc=$OPTARG ;; c) conc=$OPTARG ;;
-    *) sed -n '2,15p' "$0"; exit 2 ;;
+    *) sed -n '2,19p' "$0"; exit 2 ;;
   esac
 done
 shift $((OPTIND - 1))
@@ -32,6 +31,10 @@ opponents=("$@")
 [ ${#opponents[@]} -gt 0 ] || opponents=(ethereal-chess gnuchess glaurung toga2 net0)
 work=$root/tools/work
 mkdir -p "$work"
+net=$(sha256sum "$root/data/vestra.nnue" | cut -c1-12)
+# A private copy of the engine (made below), so that a rebuild during the gauntlet
+# cannot change it.
+engine=$work/vestra-$net
 
 declare -A command=(
   [gnuchess]="/usr/games/gnuchess --uci option.Hash=256"
@@ -39,7 +42,7 @@ declare -A command=(
   [toga2]="/usr/games/toga2 option.Hash=256"
   [ethereal-chess]="/usr/games/ethereal-chess option.Threads=1 option.Hash=256"
   [net0]="$work/vestra-net0"
-  [threads]="ENGINE option.Threads=1"
+  [threads]="$engine option.Threads=1"
 )
 [ -f "$root/build/CMakeCache.txt" ] || cmake -S "$root" -B "$root/build" >/dev/null
 cmake --build "$root/build" -j2 --target vestra vestra-makenet >/dev/null
@@ -56,11 +59,8 @@ for o in "${opponents[@]}"; do
   fi
 done
 
-net=$(sha256sum "$root/data/vestra.nnue" | cut -c1-12)
 results=$root/tools/results/$net
 mkdir -p "$results"
-# A private copy of the engine, so that a rebuild during the gauntlet cannot change it.
-engine=$work/vestra-$net
 cp "$root/build/vestra" "$engine"
 
 played() {  # games in the finished pieces against $1
@@ -80,10 +80,10 @@ for o in "${opponents[@]}"; do
     pgn=$work/gauntlet-$net-$o-$start.pgn
     rm -f "$pgn"
     echo "== $o: games $((done_games + 1)) to $((done_games + n)), openings from $start"
-    opponent=${command[$o]/ENGINE/$engine} first=() c=$conc
+    first=() c=$conc
     [ "$o" = threads ] && first=(-o option.Threads=2) c=1
     "$root/tools/match.sh" -g "$n" -t "$tc" -c "$c" -s "$start" -p "$pgn" "${first[@]}" \
-      "$engine" "$opponent" | grep -E '^(Elo|Games)|loses on time|illegal|disconnect|crash' || true
+      "$engine" "${command[$o]}" | grep -E '^(Elo|Games)|loses on time|illegal|disconnect|crash' || true
     got=$(grep -c '^\[Result ' "$pgn" || true)
     [ "$got" -ge "$n" ] || { echo "piece ended after $got of $n games"; exit 1; }
     gzip -c "$pgn" > "$results/$o-$(printf %04d "$start").pgn.gz"

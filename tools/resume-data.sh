@@ -45,13 +45,16 @@ for g in "${gens[@]}"; do
     echo "gen $gen: $have of $positions records, already running"
     continue
   fi
-  prev=$work/gen$((gen - 1)).nnue
-  if [ ! -f "$prev" ] || [ "$(sha256sum "$prev" | cut -c1-12)" != "$parent" ]; then
-    find_net "$parent" "$prev.tmp" || { echo "gen $gen: no image $parent in tools/work or git"; exit 1; }
-    mv "$prev.tmp" "$prev"
-  fi
+  # The parent is kept beside the records, not as tools/work/gen<N-1>.nnue: a generation
+  # may be played by an older net than N-1 (one started before net N-1 was accepted),
+  # and overwriting the accepted net N-1 would make every later match play the wrong one.
   mkdir -p "$work/gen$gen"
+  parent_net=$work/gen$gen/parent.nnue
+  if [ ! -f "$parent_net" ] || [ "$(sha256sum "$parent_net" | cut -c1-12)" != "$parent" ]; then
+    find_net "$parent" "$parent_net.tmp" || { echo "gen $gen: no image $parent in tools/work or git"; exit 1; }
+    mv "$parent_net.tmp" "$parent_net"
+  fi
   echo "gen $gen: $have of $positions records, restarting (log: tools/work/gen$gen/data.log)"
-  nohup chrt -i 0 "$root/tools/train-generation.sh" "$gen" data "$positions" "$depth" "$workers" "$seed" \
-    >> "$work/gen$gen/data.log" 2>&1 < /dev/null &
+  PREV_NET=$parent_net nohup chrt -i 0 "$root/tools/train-generation.sh" "$gen" data "$positions" "$depth" \
+    "$workers" "$seed" >> "$work/gen$gen/data.log" 2>&1 < /dev/null &
 done

@@ -82,13 +82,16 @@ case $step in
     prev_dir=$(build_for "$prev_net" vestra)
     mkdir -p "$work/gen$gen/engines"
     tag=$(sha256sum "$new_net" | cut -c1-8)
+    # The opponent's name carries its image too, so a wrong net N-1 shows in every log.
+    prev_tag=$(sha256sum "$prev_net" | cut -c1-8)
+    echo "candidate $new_net ($tag) against $prev_net ($prev_tag)"
     cp "$new_dir/vestra" "$work/gen$gen/engines/vestra-gen$gen-$tag"
-    cp "$prev_dir/vestra" "$work/gen$gen/engines/vestra-gen$prev"
+    cp "$prev_dir/vestra" "$work/gen$gen/engines/vestra-gen$prev-$prev_tag"
     sprt=()
     [ -n "${SPRT:-}" ] && sprt=(-S "$SPRT")
     "$root/tools/match.sh" -g "$games" -t "$tc" -c "$conc" "${sprt[@]}" \
       -p "$work/gen$gen/match-$tag-$tc$([ -n "${SPRT:-}" ] && echo -sprt).pgn" \
-      "$work/gen$gen/engines/vestra-gen$gen-$tag" "$work/gen$gen/engines/vestra-gen$prev"
+      "$work/gen$gen/engines/vestra-gen$gen-$tag" "$work/gen$gen/engines/vestra-gen$prev-$prev_tag"
     ;;
   accept)
     cp "$new_net" "$work/gen$gen.nnue"

@@ -85,13 +85,15 @@ case $step in
     # The opponent's name carries its image too, so a wrong net N-1 shows in every log.
     prev_tag=$(sha256sum "$prev_net" | cut -c1-8)
     echo "candidate $new_net ($tag) against $prev_net ($prev_tag)"
-    cp "$new_dir/vestra" "$work/gen$gen/engines/vestra-gen$gen-$tag"
-    cp "$prev_dir/vestra" "$work/gen$gen/engines/vestra-gen$prev-$prev_tag"
+    new_engine=$work/gen$gen/engines/vestra-gen$gen-$tag
+    prev_engine=$work/gen$gen/engines/vestra-gen$prev-$prev_tag
+    cp "$new_dir/vestra" "$new_engine"
+    cp "$prev_dir/vestra" "$prev_engine"
     sprt=()
     [ -n "${SPRT:-}" ] && sprt=(-S "$SPRT")
     "$root/tools/match.sh" -g "$games" -t "$tc" -c "$conc" "${sprt[@]}" \
       -p "$work/gen$gen/match-$tag-$tc$([ -n "${SPRT:-}" ] && echo -sprt).pgn" \
-      "$work/gen$gen/engines/vestra-gen$gen-$tag" "$work/gen$gen/engines/vestra-gen$prev-$prev_tag"
+      "$new_engine" "$prev_engine"
     ;;
   accept)
     cp "$new_net" "$work/gen$gen.nnue"

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <memory>
@@ -90,6 +91,77 @@ TEST(TrainData, RecordRoundTripKeepsThePosition) {
     char fen[100];
     bad.occupied = ~0ULL;
     record_fen(bad, fen);  // must not read past the 32 codes
+}
+
+// A FEN mirrored across the d/e line (castling rights must be gone).
+static std::string mirror_fen(const std::string& fen) {
+    std::string out, rank;
+    size_t i = 0;
+    auto flush = [&] {
+        int gap = 0;
+        for (auto c = rank.rbegin(); c != rank.rend(); ++c) {
+            if (*c == '.') {
+                ++gap;
+                continue;
+            }
+            if (gap) out += char('0' + gap);
+            gap = 0;
+            out += *c;
+        }
+        if (gap) out += char('0' + gap);
+        rank.clear();
+    };
+    for (; fen[i] != ' '; ++i) {
+        if (fen[i] == '/') {
+            flush();
+            out += '/';
+        } else if (fen[i] >= '1' && fen[i] <= '8') {
+            rank.append(size_t(fen[i] - '0'), '.');
+        } else {
+            rank += fen[i];
+        }
+    }
+    flush();
+    std::string rest = fen.substr(i);
+    const size_t ep = rest.find_first_of("abcdefgh", 4);  // past " w - "
+    if (ep != std::string::npos && rest[ep + 1] >= '1' && rest[ep + 1] <= '8') rest[ep] = char('h' - (rest[ep] - 'a'));
+    return out + rest;
+}
+
+// Training on mirrored records is sound only if the mirrored features are exactly those
+// of the mirrored position, for both halves, with either side to move.
+TEST(TrainData, MirroredFeaturesAreTheMirroredPosition) {
+    auto t = new_thread();
+    auto u = new_thread();
+    std::vector<TrainRecord> records = random_game_records(t.get(), 21, 24, 120);
+    int mirrored = 0, refused = 0, differ = 0;
+    for (const TrainRecord& r : records) {
+        if (!record_mirrorable(r)) {
+            ++refused;
+            continue;
+        }
+        char fen[100];
+        record_fen(r, fen);
+        const std::string m = mirror_fen(fen);
+        set_position(u.get(), m.c_str(), "");
+        const TrainRecord mr = record_from_position(u->top, r.score, r.result, r.ply);
+        RecordFeatures a, b, plain;
+        ASSERT_TRUE(record_features(r, &a, true));
+        ASSERT_TRUE(record_features(mr, &b));
+        ASSERT_TRUE(record_features(r, &plain));
+        for (int h = 0; h < 2; ++h) {
+            ASSERT_EQ(a.count[h], b.count[h]) << fen;
+            std::sort(a.rows[h], a.rows[h] + a.count[h]);
+            std::sort(b.rows[h], b.rows[h] + b.count[h]);
+            std::sort(plain.rows[h], plain.rows[h] + plain.count[h]);
+            for (int n = 0; n < a.count[h]; ++n) EXPECT_EQ(a.rows[h][n], b.rows[h][n]) << fen << " -> " << m;
+            differ += !std::equal(a.rows[h], a.rows[h] + a.count[h], plain.rows[h]);
+        }
+        ++mirrored;
+    }
+    EXPECT_GT(mirrored, 500);
+    EXPECT_GT(refused, 100);
+    EXPECT_GT(differ, mirrored);  // the mirror is not the identity
 }
 
 // The float pass on a net imported from an image reproduces the engine's integer

@@ -16,6 +16,7 @@
 //     --no-qat          train the dense layers without their image rounding
 //     --row-lr X        rate of the king-relative rows against the shared ones (default 0.1)
 //     --max N           use at most N records of each file
+//     --mirror          show records without castling rights mirrored half the time
 //
 // Writes PREFIX.ckpt and PREFIX.nnue after every epoch (through a temporary file, so an
 // interruption leaves the last complete epoch behind), and PREFIX-best.ckpt/.nnue after
@@ -84,7 +85,7 @@ void usage() {
     std::fprintf(stderr,
                  "usage: vestra-train --out PREFIX [--epochs N] [--batch N] [--lr X] [--lr-decay X] [--lambda X]\n"
                  "                    [--scale X] [--val X] [--threads N] [--seed N] [--init FILE] [--resume]\n"
-                 "                    [--no-qat] [--row-lr X] [--max N] DATA_FILE...\n");
+                 "                    [--no-qat] [--row-lr X] [--max N] [--mirror] DATA_FILE...\n");
 }
 
 }  // namespace
@@ -115,6 +116,7 @@ int main(int argc, char** argv) {
         else if (a == "--resume") resume = true;
         else if (a == "--no-qat") config.quantise_aware = false;
         else if (a == "--row-lr" && has) config.row_lr_factor = std::strtof(argv[++i], nullptr);
+        else if (a == "--mirror") config.mirror = true;
         else if (a == "--max" && has) max_per_file = std::strtoull(argv[++i], nullptr, 10);
         else if (!a.empty() && a[0] != '-') files.push_back(a);
         else {

@@ -119,7 +119,14 @@ struct RecordFeatures {
     int count[2];
 };
 
-inline bool record_features(const TrainRecord& r, RecordFeatures* f) {
+// Without castling rights a position and its mirror image across the d/e line are the
+// same game, so the trainer may show either: the king-relative rows of a king on the
+// h-file then learn from the positions with it on the a-file too.
+inline bool record_mirrorable(const TrainRecord& r) { return r.castling == 0x8888; }
+
+// `mirror` reads the board mirrored across the d/e line (only for a mirrorable record).
+inline bool record_features(const TrainRecord& r, RecordFeatures* f, bool mirror = false) {
+    const int files = mirror ? 7 : 0;
     if (popcount(r.occupied) > 32) return false;
     int king[2] = {-1, -1};  // real squares by colour: 0 White, 1 Black
     int n = 0;
@@ -135,7 +142,7 @@ inline bool record_features(const TrainRecord& r, RecordFeatures* f) {
     for (int h = 0; h < 2; ++h) {
         const int owner = stm ^ h;
         const int flip = owner ? 56 : 0;
-        const int k = king[owner] ^ flip;
+        const int k = king[owner] ^ flip ^ files;
         int c = 0;
         n = 0;
         for (u64 b = r.occupied; b; b &= b - 1, ++n) {
@@ -143,7 +150,7 @@ inline bool record_features(const TrainRecord& r, RecordFeatures* f) {
             const int piece = code & 7;
             if (piece == KING || piece == NO_PIECE || piece > KING) continue;
             const int plane = (code >> 3) == owner ? piece - 1 : piece + 4;
-            f->rows[h][c++] = u16(feature_row(plane, lsb(b) ^ flip, k));
+            f->rows[h][c++] = u16(feature_row(plane, lsb(b) ^ flip ^ files, k));
         }
         const u16 rights = owner ? u16(r.castling >> 8) : r.castling;
         if ((rights & 15) != NO_RIGHT) f->rows[h][c++] = NET_CASTLING_ROW;

@@ -22,6 +22,8 @@ struct TrainConfig {
     // Quantisation-aware: the dense layers are evaluated with their image values and the
     // activations rounded to the integer pass's 1/8 steps (straight-through gradients).
     bool quantise_aware = true;
+    // Show each record without castling rights mirrored across the d/e line half the time.
+    bool mirror = false;
 };
 
 // Win probability of a score, and the training target of a record.
@@ -154,7 +156,12 @@ struct Trainer {
             ForwardTrace trace;
             for (int s = count * t / threads; s < count * (t + 1) / threads; ++s) {
                 RecordFeatures& f = features[size_t(s)];
-                if (!record_features(*batch[s], &f)) {
+                // The coin is a hash of the step and the slot: reproducible for a seed,
+                // and a record gets a fresh one in every epoch's shuffle.
+                u64 coin = u64(adam.step) * 0x9e3779b97f4a7c15ULL + u64(s);
+                coin = (coin ^ coin >> 31) * 0xbf58476d1ce4e5b9ULL;
+                const bool mirror = config.mirror && record_mirrorable(*batch[s]) && (coin >> 63) != 0;
+                if (!record_features(*batch[s], &f, mirror)) {
                     f.count[0] = f.count[1] = 0;
                     std::fill_n(&dacc[size_t(s) * NET_INPUTS], NET_INPUTS, 0.0f);
                     continue;

@@ -94,7 +94,7 @@ TEST(TrainData, RecordRoundTripKeepsThePosition) {
 }
 
 // A FEN mirrored across the d/e line (castling rights must be gone).
-static std::string mirror_fen(const std::string& fen) {
+static std::string mirror_files_fen(const std::string& fen) {
     std::string out, rank;
     size_t i = 0;
     auto flush = [&] {
@@ -142,7 +142,7 @@ TEST(TrainData, MirroredFeaturesAreTheMirroredPosition) {
         }
         char fen[100];
         record_fen(r, fen);
-        const std::string m = mirror_fen(fen);
+        const std::string m = mirror_files_fen(fen);
         set_position(u.get(), m.c_str(), "");
         const TrainRecord mr = record_from_position(u->top, r.score, r.result, r.ply);
         RecordFeatures a, b, plain;

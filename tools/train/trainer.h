@@ -156,11 +156,14 @@ struct Trainer {
             ForwardTrace trace;
             for (int s = count * t / threads; s < count * (t + 1) / threads; ++s) {
                 RecordFeatures& f = features[size_t(s)];
-                // The coin is a hash of the step and the slot: reproducible for a seed,
-                // and a record gets a fresh one in every epoch's shuffle.
-                u64 coin = u64(adam.step) * 0x9e3779b97f4a7c15ULL + u64(s);
-                coin = (coin ^ coin >> 31) * 0xbf58476d1ce4e5b9ULL;
-                const bool mirror = config.mirror && record_mirrorable(*batch[s]) && (coin >> 63) != 0;
+                bool mirror = false;
+                if (config.mirror && record_mirrorable(*batch[s])) {
+                    // The coin is a hash of the step and the slot: reproducible for a seed,
+                    // and a record gets a fresh one in every epoch's shuffle.
+                    u64 coin = u64(adam.step) * 0x9e3779b97f4a7c15ULL + u64(s);
+                    coin = (coin ^ coin >> 31) * 0xbf58476d1ce4e5b9ULL;
+                    mirror = (coin >> 63) != 0;
+                }
                 if (!record_features(*batch[s], &f, mirror)) {
                     f.count[0] = f.count[1] = 0;
                     std::fill_n(&dacc[size_t(s) * NET_INPUTS], NET_INPUTS, 0.0f);

@@ -2,9 +2,11 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
+#include <unistd.h>
 #include "eval_test_util.h"
 #include "tools/train/engine_eval.h"
 #include "tools/train/trainer.h"
@@ -308,4 +310,36 @@ TEST(TrainNet, QuantisedImageStaysInRange) {
     ImagePtr again(network_alloc());
     net_to_image(*back, again.get());
     EXPECT_EQ(std::memcmp(image.get(), again.get(), sizeof(NetworkImage)), 0);
+}
+
+// Self-play games from random openings: with --balance the openings that the search
+// finds lopsided are turned away, without it a good share of games begins a pawn or
+// more from level. The first record of a game at the opening's own ply is the
+// opening position (or the one after it), scored by the game's first search.
+TEST(TrainData, DatagenBalanceTurnsAwayLopsidedOpenings) {
+    const std::string dir = ::testing::TempDir() + "vestra_datagen_" + std::to_string(getpid());
+    auto lopsided_share = [&](const std::string& name, const std::string& extra) {
+        const std::string out = dir + "_" + name;
+        const std::string cmd = std::string(VESTRA_TOOLS_DIR "/vestra-datagen --out ") + out +
+                                " --positions 6000 --depth 3 --seed 7 " + extra + " >/dev/null 2>&1";
+        EXPECT_EQ(std::system(cmd.c_str()), 0) << cmd;
+        std::vector<TrainRecord> records;
+        EXPECT_TRUE(records_load((out + "/part-0.bin").c_str(), &records));
+        std::remove((out + "/part-0.bin").c_str());
+        rmdir(out.c_str());
+        int openings = 0, lopsided = 0, prev_ply = 256;
+        for (const TrainRecord& r : records) {
+            if (r.ply < prev_ply && r.ply <= 8) {
+                ++openings;
+                lopsided += std::abs(r.score) > 160;
+            }
+            prev_ply = r.ply;
+        }
+        EXPECT_GE(openings, 15) << name;
+        return openings ? double(lopsided) / openings : 1.0;
+    };
+    const double free_share = lopsided_share("free", "");
+    const double balanced_share = lopsided_share("balanced", "--balance 80");
+    EXPECT_GT(free_share, 0.1);
+    EXPECT_LT(balanced_share, 0.05);
 }

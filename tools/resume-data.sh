@@ -33,7 +33,7 @@ find_net() {
 }
 
 for g in "${gens[@]}"; do
-  gen="" && read -r gen positions depth workers seed parent < <(awk -v g="$g" '$1 == g && !/^#/' "$jobs") || true
+  gen="" extra="" && read -r gen positions depth workers seed parent extra < <(awk -v g="$g" '$1 == g && !/^#/' "$jobs") || true
   [ -n "${gen:-}" ] || { echo "generation $g is not in $jobs"; exit 2; }
   have=0
   for f in "$work/gen$gen"/data/part-*.bin; do [ -f "$f" ] && have=$((have + $(stat -c %s "$f") / 32)); done
@@ -56,5 +56,5 @@ for g in "${gens[@]}"; do
   fi
   echo "gen $gen: $have of $positions records, restarting (log: tools/work/gen$gen/data.log)"
   PREV_NET=$parent_net nohup chrt -i 0 "$root/tools/train-generation.sh" "$gen" data "$positions" "$depth" \
-    "$workers" "$seed" >> "$work/gen$gen/data.log" 2>&1 < /dev/null &
+    "$workers" "$seed" ${extra:-} >> "$work/gen$gen/data.log" 2>&1 < /dev/null &
 done

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # One generation of the network, step by step (each step can be rerun or resumed):
 #
-#   tools/train-generation.sh N data  [POSITIONS] [DEPTH] [WORKERS] [SEED]
-#                     self-play with net N-1 (seed N by default)
+#   tools/train-generation.sh N data  [POSITIONS] [DEPTH] [WORKERS] [SEED] [options...]
+#                     self-play with net N-1 (seed N by default; options go to
+#                      vestra-datagen, e.g. --balance 160)
 #   tools/train-generation.sh N train [EPOCHS] [extra vestra-train options...]
 #                     (DATA_GENS="1 2 work/pool6" trains on the records of those
 #                      generations or directories; by default on generation N's own)
@@ -52,11 +53,12 @@ build_for() {
 case $step in
   data)
     positions=${1:-400000} depth=${2:-7} workers=${3:-1} seed=${4:-$gen}
+    shift $(($# < 4 ? $# : 4))
     dir=$(build_for "$prev_net" vestra-datagen)
     # A private copy, so that a rebuild cannot pull the program from under a long run.
     cp "$dir/tools/vestra-datagen" "$work/gen$gen/vestra-datagen"
     "$work/gen$gen/vestra-datagen" --out "$work/gen$gen/data" --positions "$positions" --depth "$depth" \
-      --workers "$workers" --seed "$seed"
+      --workers "$workers" --seed "$seed" "$@"
     ;;
   train)
     epochs=${1:-12}

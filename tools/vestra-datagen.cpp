@@ -9,6 +9,8 @@
 //     --openings FILE    EPD/FEN lines; a game starts from a random one, then 2 random plies
 //     --seed S           (default 1)
 //     --cap X            record only positions with |score| below X (default 3000)
+//     --balance X        play only openings whose searched score is within X of level
+//                        (default 0: every opening)
 //
 // Each worker w owns DIR/part-<w>.bin and plays until that file holds N / W records.
 // A rerun with the same arguments continues where the parts stand: the files only grow
@@ -50,6 +52,7 @@ struct Options {
     std::string openings_file;
     u64 seed = 1;
     int cap = 3000;
+    int balance = 0;
 };
 
 // Adjudication. Scores are internal units (160 to a pawn with the first network).
@@ -112,6 +115,20 @@ bool random_opening(SearchThread* t, Rng& rng, const std::string& fen, int plies
     return gen_legal(t->top, list) != list;
 }
 
+// Random plies often drop material (a third of generation 17's games began more than a
+// pawn from level), and a game that starts a piece down is decided before it begins. The
+// search of the opening's last position fills the table for the game's first move, so
+// the check costs little beyond the openings it turns away.
+bool balanced_opening(const Options& o, SearchThread* t, const std::string& fen, const std::string& moves,
+                      long* nodes) {
+    if (o.balance <= 0) return true;
+    set_position(t, fen.c_str(), moves.c_str());
+    u32 best = 0;
+    const i32 score = search_fixed_depth(t, o.depth, &best);
+    *nodes += t->nodes.load(std::memory_order_relaxed);
+    return best && score >= -o.balance && score <= o.balance;
+}
+
 // One game; appends its records (results filled in) to `out`. Returns the result from
 // White's view (0, 1, 2).
 int play_game(const Options& o, Rng& rng, const std::vector<std::string>& openings, std::vector<TrainRecord>* out,
@@ -130,7 +147,8 @@ int play_game(const Options& o, Rng& rng, const std::vector<std::string>& openin
             fen = START_FEN;
             opening_plies = o.random_plies - rng.below(2);
         }
-    } while (!fen_is_acceptable(fen.c_str()) || !random_opening(t, rng, fen, opening_plies, &moves));
+    } while (!fen_is_acceptable(fen.c_str()) || !random_opening(t, rng, fen, opening_plies, &moves) ||
+             !balanced_opening(o, t, fen, moves, nodes));
 
 
     std::vector<u64> keys;
@@ -256,7 +274,8 @@ void worker(const Options& o, int w, WorkerStatus* status) {
 void usage() {
     std::fprintf(stderr,
                  "usage: vestra-datagen --out DIR --positions N [--workers W] [--depth D] [--hash MB]\n"
-                 "                      [--random-plies R] [--openings FILE] [--seed S] [--cap X]\n");
+                 "                      [--random-plies R] [--openings FILE] [--seed S] [--cap X]\n"
+                 "                      [--balance X]\n");
 }
 
 }  // namespace
@@ -275,6 +294,7 @@ int main(int argc, char** argv) {
         else if (a == "--openings" && has) o.openings_file = argv[++i];
         else if (a == "--seed" && has) o.seed = std::strtoull(argv[++i], nullptr, 10);
         else if (a == "--cap" && has) o.cap = std::clamp(std::atoi(argv[++i]), 1, 30000);
+        else if (a == "--balance" && has) o.balance = std::clamp(std::atoi(argv[++i]), 0, 30000);
         else {
             usage();
             return 2;

@@ -60,10 +60,21 @@ done
 rounds=$(( (games + 1) / 2 ))
 # fastchess leaves a config.json in its working directory: keep it in tools/work.
 cd "$root/tools/work"
-"$fastchess" "${engine_args[@]}" -each tc="$tc" proto=uci \
+log=${pgn%.pgn}.log
+: > "$log"
+# The runner gets a process group of its own, and the group goes when the runner does:
+# an engine it leaves behind (it has been seen to vanish when gnuchess crashed) would
+# otherwise keep the log's pipe open, and the match would wait on it for ever.
+setsid "$fastchess" "${engine_args[@]}" -each tc="$tc" proto=uci \
   -tournament gauntlet -seeds 1 -rounds "$rounds" -games 2 -repeat \
   -concurrency "$concurrency" -recover "${sprt[@]}" \
   -openings file="$root/tests/data/openings.epd" format=epd "${order[@]}" \
-  -pgnout file="$pgn" 2>&1 | tee "${pgn%.pgn}.log" | grep --line-buffered -E -i '^(Results of|Elo|Games|Ptnml|LOS|LLR)|loses on time|timeout|illegal|disconnect|crash|Finished' || true
+  -pgnout file="$pgn" > "$log" 2>&1 < /dev/null &
+runner=$!
+trap 'kill -- -$runner 2>/dev/null || true' EXIT
+trap 'exit 130' INT TERM
+tail -n +1 -f --pid=$runner "$log" | grep --line-buffered -E -i '^(Results of|Elo|Games|Ptnml|LOS|LLR)|loses on time|timeout|illegal|disconnect|crash|Finished' || true
+wait $runner || true
+kill -- -$runner 2>/dev/null || true
 echo "PGN: $pgn"
-echo "log: ${pgn%.pgn}.log"
+echo "log: $log"

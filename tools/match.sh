@@ -62,7 +62,7 @@ rounds=$(( (games + 1) / 2 ))
 cd "$root/tools/work"
 log=${pgn%.pgn}.log
 : > "$log"
-# The runner gets a process group of its own, and the group goes when the runner does:
+# The runner gets a process group of its own, and the group goes when the script does:
 # an engine it leaves behind (it has been seen to vanish when gnuchess crashed) would
 # otherwise keep the log's pipe open, and the match would wait on it for ever.
 setsid "$fastchess" "${engine_args[@]}" -each tc="$tc" proto=uci \
@@ -75,6 +75,5 @@ trap 'kill -- -$runner 2>/dev/null || true' EXIT
 trap 'exit 130' INT TERM
 tail -n +1 -f --pid=$runner "$log" | grep --line-buffered -E -i '^(Results of|Elo|Games|Ptnml|LOS|LLR)|loses on time|timeout|illegal|disconnect|crash|Finished' || true
 wait $runner || true
-kill -- -$runner 2>/dev/null || true
 echo "PGN: $pgn"
 echo "log: $log"

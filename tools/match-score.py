@@ -1,14 +1,17 @@
 #!/usr/bin/env python3
 """Scores one engine's games in fastchess PGN files (plain or .gz), per opponent.
 
-    tools/match-score.py [--engine NAME] FILE.pgn[.gz]...
+    tools/match-score.py [--engine NAME] [--sprt ELO0 ELO1] FILE.pgn[.gz]...
 
 Several files add up, so a long match can be played in pieces (one PGN each, e.g. across
 sessions) and scored as one. NAME is the engine's PGN name (e.g. vestra-0); by default
 the gauntlet's first engine (tools/match.sh names it ...-0). Prints wins, losses, draws, the score, the Elo
 difference with its 95% interval from the per-game score variance, and the games that
 did not end by the rules of chess (time forfeits, disconnects, illegal moves), which are
-counted in the score as fastchess scored them.
+counted in the score as fastchess scored them. With --sprt, also the log-likelihood ratio
+of a sequential test of ELO1 against ELO0 (logistic Elo, normal approximation over
+single games, alpha = beta = 0.05: accept at 2.94, reject at -2.94), so that an SPRT
+played in several runs, or continued past its cap, can be judged as one.
 """
 import argparse
 import collections
@@ -54,9 +57,22 @@ def summary(w, l, d):
             f"+- {(hi - lo) / 2:.1f} (95%: {lo:+.1f} to {hi:+.1f}), LOS {100 * los:.1f}%")
 
 
+def llr(w, l, d, elo0, elo1):
+    """Log-likelihood ratio of Elo elo1 against elo0 given the games' scores, with the
+    score treated as normal with the sample's variance (as fastchess's GSPRT does)."""
+    n = w + l + d
+    m = (w + 0.5 * d) / n
+    var = (w * (1 - m) ** 2 + d * (0.5 - m) ** 2 + l * m ** 2) / n
+    if var <= 0:
+        return 0.0
+    s0, s1 = (1 / (1 + 10 ** (-e / 400)) for e in (elo0, elo1))
+    return n * (s1 - s0) * (2 * m - s0 - s1) / (2 * var)
+
+
 def main():
     ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     ap.add_argument("--engine")
+    ap.add_argument("--sprt", nargs=2, type=float, metavar=("ELO0", "ELO1"))
     ap.add_argument("files", nargs="+")
     a = ap.parse_args()
     all_games = [g for p in a.files for g in games(p)]
@@ -84,6 +100,8 @@ def main():
             per[opp][3][f"{term} (lost by {loser})"] += 1
     for opp, (w, l, d, odd) in sorted(per.items()):
         print(f"{name} vs {opp}: {summary(w, l, d)}")
+        if a.sprt and w + l + d:
+            print(f"    LLR {llr(w, l, d, *a.sprt):+.2f} for Elo {a.sprt[1]:g} against {a.sprt[0]:g} (bounds +-2.94)")
         for what, k in sorted(odd.items()):
             print(f"    {k} x {what}")
 

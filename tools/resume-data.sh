@@ -17,10 +17,11 @@ gens=("$@")
 [ ${#gens[@]} -gt 0 ] || gens=("$(grep -v '^#' "$jobs" | awk 'NF' | tail -1 | cut -d' ' -f1)")
 
 # find_net PREFIX OUT: writes the image whose SHA-256 starts with PREFIX to OUT, from
-# tools/work or from any commit of data/vestra.nnue.
+# tools/work, from tools/results/<PREFIX>/net.nnue (an accepted net not yet compiled in)
+# or from any commit of data/vestra.nnue.
 find_net() {
   local prefix=$1 out=$2 f c
-  for f in "$work"/gen*.nnue "$root/data/vestra.nnue"; do
+  for f in "$work"/gen*.nnue "$root/tools/results/$prefix/net.nnue" "$root/data/vestra.nnue"; do
     [ -f "$f" ] && [ "$(sha256sum "$f" | cut -c1-12)" = "$prefix" ] && { cp "$f" "$out"; return 0; }
   done
   for c in $(git -C "$root" log --format=%H -- data/vestra.nnue); do

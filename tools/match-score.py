@@ -46,10 +46,15 @@ def elo(score):
     return -400.0 * math.log10(1.0 / score - 1.0)
 
 
-def summary(w, l, d):
+def moments(w, l, d):
+    """Games, mean score and the per-game score variance."""
     n = w + l + d
     s = (w + 0.5 * d) / n
-    var = (w * (1 - s) ** 2 + d * (0.5 - s) ** 2 + l * s ** 2) / n
+    return n, s, (w * (1 - s) ** 2 + d * (0.5 - s) ** 2 + l * s ** 2) / n
+
+
+def summary(w, l, d):
+    n, s, var = moments(w, l, d)
     se = math.sqrt(var / n)
     lo, hi = elo(max(s - 1.96 * se, 0)), elo(min(s + 1.96 * se, 1))
     los = 0.5 * (1 + math.erf((w - l) / math.sqrt(2 * (w + l)))) if w + l else 0.5
@@ -59,10 +64,9 @@ def summary(w, l, d):
 
 def llr(w, l, d, elo0, elo1):
     """Log-likelihood ratio of Elo elo1 against elo0 given the games' scores, with the
-    score treated as normal with the sample's variance (as fastchess's GSPRT does)."""
-    n = w + l + d
-    m = (w + 0.5 * d) / n
-    var = (w * (1 - m) ** 2 + d * (0.5 - m) ** 2 + l * m ** 2) / n
+    score treated as normal with the sample's variance. Single games, not pairs: where
+    the two games of an opening are correlated it differs from fastchess's own figure."""
+    n, m, var = moments(w, l, d)
     if var <= 0:
         return 0.0
     s0, s1 = (1 / (1 + 10 ** (-e / 400)) for e in (elo0, elo1))

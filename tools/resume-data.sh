@@ -56,6 +56,6 @@ for g in "${gens[@]}"; do
     mv "$parent_net.tmp" "$parent_net"
   fi
   echo "gen $gen: $have of $positions records, restarting (log: tools/work/gen$gen/data.log)"
-  PREV_NET=$parent_net nohup chrt -i 0 "$root/tools/train-generation.sh" "$gen" data "$positions" "$depth" \
+  PREV_NET=$parent_net nohup "$root/tools/idle.sh" "$root/tools/train-generation.sh" "$gen" data "$positions" "$depth" \
     "$workers" "$seed" ${extra:-} >> "$work/gen$gen/data.log" 2>&1 < /dev/null &
 done

@@ -12,4 +12,4 @@ set -euo pipefail
 [ $# -gt 0 ] || { sed -n '2,10p' "$0"; exit 2; }
 exec setsid --wait bash -c '
   echo 19 > /proc/self/autogroup 2>/dev/null || true
-  exec chrt -i 0 nice -n 19 "$@"' idle "$@"
+  exec chrt -i 0 "$@"' idle "$@"

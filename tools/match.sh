@@ -10,28 +10,35 @@
 #     -s N          openings in file order from the Nth (default: random order), so a
 #                   long match can be played in pieces without repeating openings
 #     -S "E0 E1"    stop early by a sequential probability ratio test of Elo E0 against
-#                   E1 (logistic Elo, alpha = beta = 0.05); -g is then the most games
+#                   E1 (alpha = beta = 0.05); -g is then the most games
+#     -m MODEL      Elo of -S: logistic (default) or normalized
+#     -b FILE       openings (EPD), default tests/data/openings.epd; for two nets of
+#                   nearly equal strength tests/data/openings-unbalanced.epd draws less
 #   ENGINE is a path to a UCI binary, optionally with arguments and UCI options of its
 #   own: "path [args] [option.NAME=VALUE...]" (e.g. "/usr/games/glaurung option.Threads=1")
 #
-# The first engine plays every other one (a gauntlet). Openings come from
-# tests/data/openings.epd, in random order unless -s is given, each played with both colours.
+# The first engine plays every other one (a gauntlet). Openings are played in random
+# order unless -s is given, each with both colours.
 # FASTCHESS may point at the runner; by default ../shared/tools/fastchess is used.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 fastchess=${FASTCHESS:-$root/../shared/tools/fastchess}
-games=100 tc=1+0.01 concurrency=1 first_opts="" pgn="" order=(order=random) sprt=()
-while getopts "g:t:c:o:p:s:S:" opt; do
+games=100 tc=1+0.01 concurrency=1 first_opts="" pgn="" order=(order=random) sprt=() model=logistic
+book=$root/tests/data/openings.epd
+while getopts "g:t:c:o:p:s:S:m:b:" opt; do
   case $opt in
     g) games=$OPTARG ;; t) tc=$OPTARG ;; c) concurrency=$OPTARG ;;
     o) first_opts=$OPTARG ;; p) pgn=$OPTARG ;; s) order=(order=sequential "start=$OPTARG") ;;
-    S) read -r e0 e1 <<< "$OPTARG"
-       sprt=(-sprt "elo0=$e0" "elo1=$e1" alpha=0.05 beta=0.05 model=logistic) ;;
-    *) sed -n '2,19p' "$0"; exit 2 ;;
+    S) read -r e0 e1 <<< "$OPTARG" ;;
+    m) model=$OPTARG ;;
+    b) book=$(realpath "$OPTARG") ;;
+    *) sed -n '2,22p' "$0"; exit 2 ;;
   esac
 done
 shift $((OPTIND - 1))
-[ $# -ge 2 ] || { sed -n '2,19p' "$0"; exit 2; }
+[ $# -ge 2 ] || { sed -n '2,22p' "$0"; exit 2; }
+[ -n "${e0:-}" ] && sprt=(-sprt "elo0=$e0" "elo1=$e1" alpha=0.05 beta=0.05 "model=$model")
+[ -f "$book" ] || { echo "no openings file $book"; exit 2; }
 [ -x "$fastchess" ] || { echo "fastchess not found at $fastchess (set FASTCHESS)"; exit 2; }
 mkdir -p "$root/tools/work"
 pgn=${pgn:-$root/tools/work/match-$(date +%Y%m%d-%H%M%S).pgn}
@@ -68,7 +75,7 @@ log=${pgn%.pgn}.log
 setsid "$fastchess" "${engine_args[@]}" -each tc="$tc" proto=uci \
   -tournament gauntlet -seeds 1 -rounds "$rounds" -games 2 -repeat \
   -concurrency "$concurrency" -recover "${sprt[@]}" \
-  -openings file="$root/tests/data/openings.epd" format=epd "${order[@]}" \
+  -openings file="$book" format=epd "${order[@]}" \
   -pgnout file="$pgn" > "$log" 2>&1 < /dev/null &
 runner=$!
 trap 'kill -- -$runner 2>/dev/null || true' EXIT

@@ -8,8 +8,10 @@
 #                     (DATA_GENS="1 2 work/pool6" trains on the records of those
 #                      generations or directories; by default on generation N's own)
 #   tools/train-generation.sh N match [GAMES] [TC] [CONCURRENCY]   net N against net N-1
-#                     (SPRT="E0 E1" stops it by a sequential test, GAMES at most;
-#                      CANDIDATE=FILE plays that image instead of net N's best epoch)
+#                     (SPRT="E0 E1" stops it by a sequential test, GAMES at most, in
+#                      Elo of SPRT_MODEL, logistic or normalized; OPENINGS=FILE plays
+#                      those openings; CANDIDATE=FILE plays that image instead of net
+#                      N's best epoch)
 #   tools/train-generation.sh N accept                       copy net N to data/vestra.nnue
 #
 # Net 0 is the hand-made first network (tools/NETWORK.md); net N lives in
@@ -21,7 +23,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 work=$root/tools/work
-[ $# -ge 2 ] || { sed -n '2,12p' "$0"; exit 2; }
+[ $# -ge 2 ] || { sed -n '2,14p' "$0"; exit 2; }
 gen=$1 step=$2
 shift 2
 prev=$((gen - 1))
@@ -92,7 +94,8 @@ case $step in
     cp "$new_dir/vestra" "$new_engine"
     cp "$prev_dir/vestra" "$prev_engine"
     sprt=()
-    [ -n "${SPRT:-}" ] && sprt=(-S "$SPRT")
+    [ -n "${SPRT:-}" ] && sprt=(-S "$SPRT" -m "${SPRT_MODEL:-logistic}")
+    [ -n "${OPENINGS:-}" ] && sprt+=(-b "$OPENINGS")
     "$root/tools/match.sh" -g "$games" -t "$tc" -c "$conc" "${sprt[@]}" \
       -p "$work/gen$gen/match-$tag-$tc$([ -n "${SPRT:-}" ] && echo -sprt).pgn" \
       "$new_engine" "$prev_engine"
@@ -103,7 +106,7 @@ case $step in
     echo "data/vestra.nnue is now net $gen; rebuild the engine and commit it"
     ;;
   *)
-    sed -n '2,12p' "$0"
+    sed -n '2,14p' "$0"
     exit 2
     ;;
 esac

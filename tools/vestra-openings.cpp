@@ -10,13 +10,14 @@
 // more often, not so much that either side wins it regardless. Each opening is played
 // with both colours, so the advantage cancels out of the score. Up to N moves of a
 // source position are tried, in random order; the kept positions go to standard output
-// as FEN lines, the counts to standard error. The output depends only on the arguments
+// as FEN lines without repeats, the counts to standard error. The output depends only on the arguments
 // and the compiled-in net.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <set>
 #include <string>
 #include <vector>
 #include "board/rng.h"
@@ -67,6 +68,7 @@ int run(const Options& o) {
 
     Rng rng{o.seed * 0x9e3779b97f4a7c15ULL | 1};
     long sources = 0, kept = 0, searched = 0;
+    std::set<std::string> seen;  // two sources can lead to one position
     std::string line;
     while (std::getline(in, line)) {
         const std::string fen = position_fields(line);
@@ -91,6 +93,7 @@ int run(const Options& o) {
             if (!best || score < o.low || score > o.high) continue;
             char out[128];
             position_fen(t->top, out);
+            if (!seen.insert(out).second) continue;
             std::printf("%s\n", out);
             ++kept;
             break;

@@ -30,7 +30,7 @@ namespace {
 struct Options {
     std::string in;
     int depth = 12;
-    int low = 180, high = 300;
+    int low = 110, high = 180;
     int tries = 8;
     u64 seed = 1;
 };

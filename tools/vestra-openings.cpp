@@ -30,6 +30,9 @@ namespace {
 struct Options {
     std::string in;
     int depth = 12;
+    // At 10+0.1 between two close nets the favoured side won about half of the games
+    // from this window and lost a twentieth; from 180 to 300 it won four in five and
+    // lost none, so that nearly every pair of games split evenly.
     int low = 110, high = 180;
     int tries = 8;
     u64 seed = 1;

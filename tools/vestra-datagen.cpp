@@ -35,6 +35,7 @@
 #include <vector>
 #include "search/search.h"
 #include "tb/tb.h"
+#include "uci/uci.h"
 #include "tools/train/record.h"
 #include "board/rng.h"
 
@@ -241,14 +242,9 @@ void worker(const Options& o, int w, WorkerStatus* status) {
     const long target = o.positions / o.workers + (w < o.positions % o.workers);
     Rng rng{mix(mix(o.seed) ^ mix(u64(w) + 1000) ^ mix(u64(have) + 77)) | 1};
 
-    set_default_options(&engine_options);
+    uci_startup();  // the engine's own start-up: tables, compiled-in endgames, the net
     engine_options.hash_mb = o.hash;
     engine_options.threads = 1;
-    init_board_tables();
-    init_lmr_table();
-    tb_init_index_tables();
-    search_shared.tb_largest = tb_init("<empty>");
-    network_startup_check();
     search_shared.quiet = true;
     const std::vector<std::string> openings = o.openings_file.empty() ? std::vector<std::string>{}
                                                                       : read_openings(o.openings_file);

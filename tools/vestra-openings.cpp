@@ -21,9 +21,8 @@
 #include <string>
 #include <vector>
 #include "board/rng.h"
-#include "eval/network.h"
 #include "search/search.h"
-#include "tb/tb.h"
+#include "uci/uci.h"
 
 namespace {
 
@@ -59,14 +58,9 @@ int run(const Options& o) {
         std::fprintf(stderr, "cannot read %s\n", o.in.c_str());
         return 1;
     }
-    set_default_options(&engine_options);
+    uci_startup();  // the engine's own start-up: tables, compiled-in endgames, the net
     engine_options.hash_mb = 16;
     engine_options.threads = 1;
-    init_board_tables();
-    init_lmr_table();
-    tb_init_index_tables();
-    search_shared.tb_largest = tb_init("<empty>");
-    network_startup_check();
     search_shared.quiet = true;
 
     Rng rng{o.seed * 0x9e3779b97f4a7c15ULL | 1};

@@ -93,10 +93,10 @@ case $step in
     prev_engine=$work/gen$gen/engines/vestra-gen$prev-$prev_tag
     cp "$new_dir/vestra" "$new_engine"
     cp "$prev_dir/vestra" "$prev_engine"
-    sprt=()
-    [ -n "${SPRT:-}" ] && sprt=(-S "$SPRT" -m "${SPRT_MODEL:-logistic}")
-    [ -n "${OPENINGS:-}" ] && sprt+=(-b "$OPENINGS")
-    "$root/tools/match.sh" -g "$games" -t "$tc" -c "$conc" "${sprt[@]}" \
+    match_opts=()
+    [ -n "${SPRT:-}" ] && match_opts=(-S "$SPRT" -m "${SPRT_MODEL:-logistic}")
+    [ -n "${OPENINGS:-}" ] && match_opts+=(-b "$OPENINGS")
+    "$root/tools/match.sh" -g "$games" -t "$tc" -c "$conc" "${match_opts[@]}" \
       -p "$work/gen$gen/match-$tag-$tc$([ -n "${SPRT:-}" ] && echo -sprt).pgn" \
       "$new_engine" "$prev_engine"
     ;;

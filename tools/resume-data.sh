@@ -17,7 +17,7 @@ gens=("$@")
 [ ${#gens[@]} -gt 0 ] || gens=("$(grep -v '^#' "$jobs" | awk 'NF' | tail -1 | cut -d' ' -f1)")
 
 # find_net PREFIX OUT: writes the image whose SHA-256 starts with PREFIX to OUT, from
-# tools/work, from tools/results/<PREFIX>/net.nnue (an accepted net not yet compiled in)
+# tools/work, from tools/results/<PREFIX>/net.nnue (a net kept without being compiled in)
 # or from any commit of data/vestra.nnue.
 find_net() {
   local prefix=$1 out=$2 f c

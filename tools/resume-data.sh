@@ -22,7 +22,7 @@ if [ ! -e "$work" ] && [ ! -L "$work" ]; then
   ln -s "$keep" "$work"
   echo "tools/work -> $keep"
 fi
-mkdir -p "$work/"
+mkdir -p "$work"
 gens=("$@")
 [ ${#gens[@]} -gt 0 ] || gens=("$(grep -v '^#' "$jobs" | awk 'NF' | tail -1 | cut -d' ' -f1)")
 

@@ -20,7 +20,8 @@ cd "$root"
 jobs=${JOBS:-2}
 parts=("$@")
 [ ${#parts[@]} -gt 0 ] || parts=(asan tsan perft soak fuzz match)
-log_dir=$root/tools/work/check-long
+. "$root/tools/work-dir.sh"
+log_dir=$work/check-long
 mkdir -p "$log_dir"
 failed=0
 

@@ -29,8 +29,7 @@ done
 shift $((OPTIND - 1))
 opponents=("$@")
 [ ${#opponents[@]} -gt 0 ] || opponents=(ethereal-chess gnuchess glaurung toga2 net0)
-work=$root/tools/work
-mkdir -p "$work"
+. "$root/tools/work-dir.sh"
 net=$(sha256sum "$root/data/vestra.nnue" | cut -c1-12)
 # A private copy of the engine (made below), so that a rebuild during the gauntlet
 # cannot change it.

@@ -9,7 +9,8 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 engine=$(realpath "${1:-$root/build/vestra}")
-out=${2:-$root/tools/work/gui-$(date +%Y%m%d-%H%M%S)}
+. "$root/tools/work-dir.sh"
+out=${2:-$work/gui-$(date +%Y%m%d-%H%M%S)}
 tc=${TC:-0:30}
 inc=${INC:-1}
 mkdir -p "$out"

@@ -40,8 +40,8 @@ shift $((OPTIND - 1))
 [ -n "${e0:-}" ] && sprt=(-sprt "elo0=$e0" "elo1=$e1" alpha=0.05 beta=0.05 "model=$model")
 [ -f "$book" ] || { echo "no openings file $book"; exit 2; }
 [ -x "$fastchess" ] || { echo "fastchess not found at $fastchess (set FASTCHESS)"; exit 2; }
-mkdir -p "$root/tools/work"
-pgn=${pgn:-$root/tools/work/match-$(date +%Y%m%d-%H%M%S).pgn}
+. "$root/tools/work-dir.sh"
+pgn=${pgn:-$work/match-$(date +%Y%m%d-%H%M%S).pgn}
 case $pgn in /*) ;; *) pgn=$PWD/$pgn ;; esac
 
 engine_args=()
@@ -66,7 +66,7 @@ done
 
 rounds=$(( (games + 1) / 2 ))
 # fastchess leaves a config.json in its working directory: keep it in tools/work.
-cd "$root/tools/work"
+cd "$work"
 log=${pgn%.pgn}.log
 : > "$log"
 # The runner gets a process group of its own, and the group goes when the script does:

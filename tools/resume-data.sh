@@ -8,21 +8,12 @@
 #   tools/resume-data.sh [GEN...]      (default: the last line of datagen-jobs.txt)
 #
 # Output of each job: tools/work/gen<GEN>/data.log.
-#
-# A machine may outlive its work tree (a new checkout on the same machine), so on a
-# fresh tree tools/work is made a link to VESTRA_WORK (default ~/vestra-work), where
-# the records of earlier sessions on this machine are found again.
+# tools/work is a link to VESTRA_WORK (default ~/vestra-work) on a fresh tree
+# (tools/work-dir.sh), so a new checkout on the same machine finds the records again.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-work=$root/tools/work
 jobs=$root/tools/datagen-jobs.txt
-if [ ! -e "$work" ] && [ ! -L "$work" ]; then
-  keep=${VESTRA_WORK:-$HOME/vestra-work}
-  mkdir -p "$keep"
-  ln -s "$keep" "$work"
-  echo "tools/work -> $keep"
-fi
-mkdir -p "$work"
+. "$root/tools/work-dir.sh"
 gens=("$@")
 [ ${#gens[@]} -gt 0 ] || gens=("$(grep -v '^#' "$jobs" | awk 'NF' | tail -1 | cut -d' ' -f1)")
 

@@ -15,8 +15,8 @@ while getopts "g:t:e:c:" opt; do
   esac
 done
 [ -x "$engine" ] || { echo "match soak: FAIL (no engine at $engine)"; exit 1; }
-mkdir -p "$root/tools/work"
-pgn=$root/tools/work/soak-$(date +%Y%m%d-%H%M%S).pgn
+. "$root/tools/work-dir.sh"
+pgn=$work/soak-$(date +%Y%m%d-%H%M%S).pgn
 log=${pgn%.pgn}.log
 start=$(date +%s)
 "$root/tools/match.sh" -g "$games" -t "$tc" -c "$concurrency" -o "option.Threads=2" -p "$pgn" \

@@ -22,7 +22,7 @@
 # stays untouched until `accept`.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-work=$root/tools/work
+. "$root/tools/work-dir.sh"
 [ $# -ge 2 ] || { sed -n '2,14p' "$0"; exit 2; }
 gen=$1 step=$2
 shift 2

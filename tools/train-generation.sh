@@ -11,7 +11,8 @@
 #                     (SPRT="E0 E1" stops it by a sequential test, GAMES at most, in
 #                      Elo of SPRT_MODEL, logistic or normalized; OPENINGS=FILE plays
 #                      those openings; CANDIDATE=FILE plays that image instead of net
-#                      N's best epoch)
+#                      N's best epoch; a rerun plays a further piece from the openings
+#                      not played yet and scores all pieces together)
 #   tools/train-generation.sh N accept                       copy net N to data/vestra.nnue
 #
 # Net 0 is the hand-made first network (tools/NETWORK.md); net N lives in
@@ -93,12 +94,44 @@ case $step in
     prev_engine=$work/gen$gen/engines/vestra-gen$prev-$prev_tag
     cp "$new_dir/vestra" "$new_engine"
     cp "$prev_dir/vestra" "$prev_engine"
+    # A match longer than a session is played in pieces: each run writes piece K+1 from
+    # the openings that pieces 1..K did not play, and the pieces are then scored as one.
+    # Finished or not, every piece is kept gzipped in tools/results/<candidate>/ (commit
+    # it), where a new machine finds it again.
+    base=$work/gen$gen/match-$tag-$tc$([ -n "${SPRT:-}" ] && echo -sprt)
+    keep=$root/tools/results/$(sha256sum "$new_net" | cut -c1-12)
+    keep_name=net$prev-$prev_tag-$tc$([ -n "${SPRT:-}" ] && echo -sprt)
+    mkdir -p "$keep"
+    for z in "$keep/$keep_name"-*.pgn.gz; do
+      [ -f "$z" ] && [ ! -f "$base-$(basename "$z" .pgn.gz | sed 's/.*-//').pgn" ] &&
+        gunzip -c "$z" > "$base-$(basename "$z" .pgn.gz | sed 's/.*-//').pgn"
+    done
+    pieces=("$base"-*.pgn)
+    [ -f "${pieces[0]}" ] || pieces=()
+    book=${OPENINGS:-$root/tests/data/openings.epd}
+    if [ ${#pieces[@]} -gt 0 ]; then
+      grep -h '^\[FEN' "${pieces[@]}" | cut -d'"' -f2 | sort -u > "$base.played"
+      grep -v -x -F -f "$base.played" "$book" > "$base.rest.epd" || true
+      book=$base.rest.epd
+      echo "piece $((${#pieces[@]} + 1)): $(wc -l < "$book") openings not played by the earlier pieces"
+    fi
+    piece=$base-$((${#pieces[@]} + 1)).pgn
+    save() {
+      local p
+      for p in "$base"-*.pgn; do
+        [ -s "$p" ] && gzip -c "$p" > "$keep/$keep_name-$(basename "$p" .pgn | sed 's/.*-//').pgn.gz"
+      done
+      return 0
+    }
+    trap save EXIT
     match_opts=()
     [ -n "${SPRT:-}" ] && match_opts=(-S "$SPRT" -m "${SPRT_MODEL:-logistic}")
-    [ -n "${OPENINGS:-}" ] && match_opts+=(-b "$OPENINGS")
-    "$root/tools/match.sh" -g "$games" -t "$tc" -c "$conc" "${match_opts[@]}" \
-      -p "$work/gen$gen/match-$tag-$tc$([ -n "${SPRT:-}" ] && echo -sprt).pgn" \
-      "$new_engine" "$prev_engine"
+    "$root/tools/match.sh" -g "$games" -t "$tc" -c "$conc" "${match_opts[@]}" -b "$book" -p "$piece" \
+      "$new_engine" "$prev_engine" || true
+    score_opts=()
+    [ -n "${SPRT:-}" ] && score_opts=(--sprt $SPRT)
+    [ "${SPRT_MODEL:-}" = normalized ] && score_opts+=(--normalized)
+    "$root/tools/match-score.py" "${score_opts[@]}" "$base"-*.pgn
     ;;
   accept)
     cp "$new_net" "$work/gen$gen.nnue"

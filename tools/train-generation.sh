@@ -24,7 +24,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 . "$root/tools/work-dir.sh"
-[ $# -ge 2 ] || { sed -n '2,14p' "$0"; exit 2; }
+[ $# -ge 2 ] || { sed -n '2,16p' "$0"; exit 2; }
 gen=$1 step=$2
 shift 2
 prev=$((gen - 1))
@@ -139,7 +139,7 @@ case $step in
     echo "data/vestra.nnue is now net $gen; rebuild the engine and commit it"
     ;;
   *)
-    sed -n '2,14p' "$0"
+    sed -n '2,16p' "$0"
     exit 2
     ;;
 esac

@@ -98,13 +98,15 @@ case $step in
     # the openings that pieces 1..K did not play, and the pieces are then scored as one.
     # Finished or not, every piece is kept gzipped in tools/results/<candidate>/ (commit
     # it), where a new machine finds it again.
-    base=$work/gen$gen/match-$tag-$tc$([ -n "${SPRT:-}" ] && echo -sprt)
+    sfx=$tc$([ -n "${SPRT:-}" ] && echo -sprt)
+    base=$work/gen$gen/match-$tag-$sfx
     keep=$root/tools/results/$(sha256sum "$new_net" | cut -c1-12)
-    keep_name=net$prev-$prev_tag-$tc$([ -n "${SPRT:-}" ] && echo -sprt)
+    keep_name=net$prev-$prev_tag-$sfx
+    piece_no() { local n=${1%.pgn*}; echo "${n##*-}"; }   # .../NAME-K.pgn[.gz] -> K
     mkdir -p "$keep"
     for z in "$keep/$keep_name"-*.pgn.gz; do
-      [ -f "$z" ] && [ ! -f "$base-$(basename "$z" .pgn.gz | sed 's/.*-//').pgn" ] &&
-        gunzip -c "$z" > "$base-$(basename "$z" .pgn.gz | sed 's/.*-//').pgn"
+      p=$base-$(piece_no "$(basename "$z")").pgn
+      [ -f "$z" ] && [ ! -f "$p" ] && gunzip -c "$z" > "$p"
     done
     pieces=("$base"-*.pgn)
     [ -f "${pieces[0]}" ] || pieces=()
@@ -119,7 +121,7 @@ case $step in
     save() {
       local p
       for p in "$base"-*.pgn; do
-        [ -s "$p" ] && gzip -c "$p" > "$keep/$keep_name-$(basename "$p" .pgn | sed 's/.*-//').pgn.gz"
+        [ -s "$p" ] && gzip -c "$p" > "$keep/$keep_name-$(piece_no "$(basename "$p")").pgn.gz"
       done
       return 0
     }

@@ -98,7 +98,7 @@ case $step in
     # the openings that pieces 1..K did not play, and the pieces are then scored as one.
     # Finished or not, every piece is kept gzipped in tools/results/<candidate>/ (commit
     # it), where a new machine finds it again.
-    sfx=$tc$([ -n "${SPRT:-}" ] && echo -sprt)
+    sfx=$tc${SPRT:+-sprt}
     base=$work/gen$gen/match-$tag-$sfx
     keep=$root/tools/results/$(sha256sum "$new_net" | cut -c1-12)
     keep_name=net$prev-$prev_tag-$sfx

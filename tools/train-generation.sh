@@ -105,7 +105,7 @@ case $step in
     piece_no() { local n=${1%.pgn*}; echo "${n##*-}"; }   # .../NAME-K.pgn[.gz] -> K
     mkdir -p "$keep"
     for z in "$keep/$keep_name"-*.pgn.gz; do
-      p=$base-$(piece_no "$(basename "$z")").pgn
+      p=$base-$(piece_no "$z").pgn
       [ -f "$z" ] && [ ! -f "$p" ] && gunzip -c "$z" > "$p"
     done
     pieces=("$base"-*.pgn)
@@ -118,10 +118,13 @@ case $step in
       echo "piece $((${#pieces[@]} + 1)): $(wc -l < "$book") openings not played by the earlier pieces"
     fi
     piece=$base-$((${#pieces[@]} + 1)).pgn
+    # Only this run's piece and pieces never kept are written: a restored piece has a new
+    # mtime, which gzip would record, churning the committed copy for nothing.
     save() {
-      local p
+      local p k
       for p in "$base"-*.pgn; do
-        [ -s "$p" ] && gzip -c "$p" > "$keep/$keep_name-$(piece_no "$(basename "$p")").pgn.gz"
+        k=$keep/$keep_name-$(piece_no "$p").pgn.gz
+        [ -s "$p" ] && { [ "$p" = "$piece" ] || [ ! -f "$k" ]; } && gzip -c "$p" > "$k"
       done
       return 0
     }

@@ -1,5 +1,6 @@
 #include "eval/network.h"
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -88,4 +89,18 @@ bool network_write_file(const char* path, const NetworkImage* image) {
     bool ok = std::fwrite(image, 1, sizeof(NetworkImage), f) == sizeof(NetworkImage);
     ok = (std::fclose(f) == 0) && ok;
     return ok;
+}
+
+bool network_scale_output(NetworkImage* image, double factor) {
+    i8 scaled[NET_HIDDEN2];
+    for (int i = 0; i < NET_HIDDEN2; ++i) {
+        const long w = std::lround(double(image->output_weights[i]) * factor);
+        if (w < -128 || w > 127) return false;
+        scaled[i] = i8(w);
+    }
+    const double bias = std::round(double(image->output_bias) * factor);
+    if (!(std::fabs(bias) < 2147483647.0)) return false;
+    std::memcpy(image->output_weights, scaled, sizeof scaled);
+    image->output_bias = i32(bias);
+    return true;
 }

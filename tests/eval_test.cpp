@@ -2,6 +2,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -237,4 +238,37 @@ TEST(Network, CornerBishopsInChess960) {
     put(t.get(), ROOK, 17, true);
     EXPECT_EQ(corner_bishop_term(t->top), -80 - 60 + 60 + 60);
     engine_options.chess960 = saved;
+}
+
+// Scaling the output layer scales every evaluation, and a factor that would push an
+// output weight out of i8 is refused without touching the image.
+TEST(Network, ScaledOutput) {
+    auto t = new_thread();
+    ImagePtr scaled(network_alloc());
+    std::memcpy(static_cast<void*>(scaled.get()), network_image, NET_IMAGE_SIZE);
+    ASSERT_TRUE(network_scale_output(scaled.get(), 0.6));
+    std::ifstream in(VESTRA_TEST_DATA "/openings-unbalanced.epd");
+    std::string line;
+    double before = 0, after = 0;
+    for (int n = 0; n < 200 && std::getline(in, line); ++n) {
+        set_position(t.get(), (line + " 0 1").c_str(), "");
+        t->ply_records[0].computed = 0;
+        const i32 e = evaluate(t.get(), 0);
+        UseImage use(scaled.get());
+        t->ply_records[0].computed = 0;
+        const i32 s = evaluate(t.get(), 0);
+        before += std::abs(e);
+        after += e < 0 ? -s : s;
+    }
+    ASSERT_GT(before, 200 * 50.0);
+    EXPECT_NEAR(after / before, 0.6, 0.02);
+
+    ImagePtr copy(network_alloc());
+    std::memcpy(static_cast<void*>(copy.get()), scaled.get(), NET_IMAGE_SIZE);
+    scaled->output_weights[3] = 100;
+    copy->output_weights[3] = 100;
+    EXPECT_FALSE(network_scale_output(scaled.get(), 1.3));
+    EXPECT_EQ(std::memcmp(copy.get(), scaled.get(), NET_IMAGE_SIZE), 0);
+    EXPECT_TRUE(network_scale_output(scaled.get(), 1.27));
+    EXPECT_EQ(scaled->output_weights[3], 127);
 }

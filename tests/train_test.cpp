@@ -93,6 +93,19 @@ TEST(TrainData, RecordRoundTripKeepsThePosition) {
     char fen[100];
     bad.occupied = ~0ULL;
     record_fen(bad, fen);  // must not read past the 32 codes
+
+    // Rescaled scores round to nearest and saturate instead of wrapping; nothing else of
+    // the record changes.
+    std::vector<TrainRecord> scaled(4, r);
+    scaled[0].score = 301, scaled[1].score = -301, scaled[2].score = 30000, scaled[3].score = -30000;
+    records_scale_scores(&scaled, 0.75f);
+    EXPECT_EQ(scaled[0].score, 226);
+    EXPECT_EQ(scaled[1].score, -226);
+    records_scale_scores(&scaled, 2.0f);
+    EXPECT_EQ(scaled[2].score, 32767);
+    EXPECT_EQ(scaled[3].score, -32767);
+    scaled[0].score = r.score;
+    EXPECT_EQ(std::memcmp(&scaled[0], &r, sizeof r), 0);
 }
 
 // A FEN mirrored across the d/e line (castling rights must be gone).

@@ -6,7 +6,8 @@
 #                      vestra-datagen, e.g. --balance 160)
 #   tools/train-generation.sh N train [EPOCHS] [extra vestra-train options...]
 #                     (DATA_GENS="1 2 work/pool6" trains on the records of those
-#                      generations or directories; by default on generation N's own)
+#                      generations or directories; by default on generation N's own;
+#                      "21@0.75" scales generation 21's scores by 0.75)
 #   tools/train-generation.sh N match [GAMES] [TC] [CONCURRENCY]   net N against net N-1
 #                     (SPRT="E0 E1" stops it by a sequential test, GAMES at most, in
 #                      Elo of SPRT_MODEL, logistic or normalized; OPENINGS=FILE plays
@@ -24,7 +25,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 . "$root/tools/work-dir.sh"
-[ $# -ge 2 ] || { sed -n '2,16p' "$0"; exit 2; }
+[ $# -ge 2 ] || { sed -n '2,17p' "$0"; exit 2; }
 gen=$1 step=$2
 shift 2
 prev=$((gen - 1))
@@ -69,15 +70,20 @@ case $step in
     dir=$(build_for "$prev_net" vestra-train vestra-netcompare)
     resume=()
     [ -f "$work/gen$gen/net.ckpt" ] && resume=(--resume)
-    files=()
+    files=() data=()
     for g in ${DATA_GENS:-$gen}; do
+      # GEN@X: that generation's scores times X (records played at another eval scale)
+      factor=1
+      [[ $g == *@* ]] && factor=${g#*@} g=${g%@*}
       case $g in
-        *[!0-9]*) files+=("$root/tools/$g"/data/part-*.bin) ;;   # a directory under tools/
-        *) files+=("$work/gen$g"/data/part-*.bin) ;;
+        *[!0-9]*) part=("$root/tools/$g"/data/part-*.bin) ;;   # a directory under tools/
+        *) part=("$work/gen$g"/data/part-*.bin) ;;
       esac
+      files+=("${part[@]}")
+      data+=(--score-scale "$factor" "${part[@]}")
     done
     "$dir/tools/vestra-train" --out "$work/gen$gen/net" --epochs "$epochs" "${resume[@]}" "$@" \
-      "${files[@]}"
+      "${data[@]}"
     "$dir/tools/vestra-netcompare" --ckpt "$work/gen$gen/net.ckpt" --net "$work/gen$gen/net.nnue" \
       "${files[@]}"
     ;;
@@ -144,7 +150,7 @@ case $step in
     echo "data/vestra.nnue is now net $gen; rebuild the engine and commit it"
     ;;
   *)
-    sed -n '2,16p' "$0"
+    sed -n '2,17p' "$0"
     exit 2
     ;;
 esac

@@ -3,10 +3,13 @@
 //   vestra-net [--net FILE] [--chess960] --stats      statistics of every section
 //   vestra-net [--net FILE] [--chess960] FEN...       evaluate each FEN argument
 //   vestra-net [--net FILE] [--chess960]              evaluate FENs read from stdin
+//   vestra-net [--net FILE] --scale-output X OUT      write the image with every evaluation
+//                                                     about X times as large to OUT
 //
 // Without --net the image compiled into the program is used. Scores are the engine's
 // static evaluation: from the side to move's view, and also from White's.
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -69,14 +72,20 @@ void evaluate_fen(SearchThread* thread, const std::string& fen) {
 int main(int argc, char** argv) {
     const char* net_path = nullptr;
     bool stats = false;
+    double scale_output = 0;
+    const char* scaled_path = nullptr;
     std::vector<std::string> fens;
     set_default_options(&engine_options);
     for (int i = 1; i < argc; ++i) {
         if (!std::strcmp(argv[i], "--net") && i + 1 < argc) net_path = argv[++i];
         else if (!std::strcmp(argv[i], "--stats")) stats = true;
+        else if (!std::strcmp(argv[i], "--scale-output") && i + 2 < argc) {
+            scale_output = std::atof(argv[++i]);
+            scaled_path = argv[++i];
+        }
         else if (!std::strcmp(argv[i], "--chess960")) engine_options.chess960 = true;
         else if (argv[i][0] == '-') {
-            std::fprintf(stderr, "usage: vestra-net [--net FILE] [--chess960] [--stats] [FEN...]\n");
+            std::fprintf(stderr, "usage: vestra-net [--net FILE] [--chess960] [--stats | --scale-output X OUT] [FEN...]\n");
             return 2;
         } else fens.push_back(argv[i]);
     }
@@ -89,6 +98,20 @@ int main(int argc, char** argv) {
             return 1;
         }
         network_image = loaded;
+    }
+    if (scaled_path) {
+        NetworkImage* out = network_alloc();
+        bool ok = out != nullptr;
+        if (ok) std::memcpy(static_cast<void*>(out), network_image, sizeof(NetworkImage));
+        ok = ok && scale_output > 0 && network_scale_output(out, scale_output);
+        if (!ok) std::fprintf(stderr, "cannot scale the output by %g: an output weight leaves i8\n", scale_output);
+        if (ok && !network_write_file(scaled_path, out)) {
+            std::fprintf(stderr, "cannot write %s\n", scaled_path);
+            ok = false;
+        }
+        network_free(out);
+        network_free(loaded);
+        return ok ? 0 : 1;
     }
     if (stats) {
         print_stats(network_image);

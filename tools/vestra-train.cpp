@@ -17,6 +17,9 @@
 //     --row-lr X        rate of the king-relative rows against the shared ones (default 0.1)
 //     --max N           use at most N records of each file
 //     --mirror          show records without castling rights mirrored half the time
+//     --score-scale X   multiply the search scores of the data files after it by X (until
+//                       the next --score-scale), to train records played at another
+//                       evaluation scale alongside the net's own
 //
 // Writes PREFIX.ckpt and PREFIX.nnue after every epoch (through a temporary file, so an
 // interruption leaves the last complete epoch behind), and PREFIX-best.ckpt/.nnue after
@@ -85,7 +88,7 @@ void usage() {
     std::fprintf(stderr,
                  "usage: vestra-train --out PREFIX [--epochs N] [--batch N] [--lr X] [--lr-decay X] [--lambda X]\n"
                  "                    [--scale X] [--val X] [--threads N] [--seed N] [--init FILE] [--resume]\n"
-                 "                    [--no-qat] [--row-lr X] [--max N] [--mirror] DATA_FILE...\n");
+                 "                    [--no-qat] [--row-lr X] [--max N] [--mirror] [--score-scale X] DATA_FILE...\n");
 }
 
 }  // namespace
@@ -98,7 +101,12 @@ int main(int argc, char** argv) {
     u64 seed = 1;
     bool resume = false;
     size_t max_per_file = SIZE_MAX;
-    std::vector<std::string> files;
+    float score_scale = 1;
+    struct DataFile {
+        std::string path;
+        float score_scale;
+    };
+    std::vector<DataFile> files;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         const bool has = i + 1 < argc;
@@ -118,7 +126,8 @@ int main(int argc, char** argv) {
         else if (a == "--row-lr" && has) config.row_lr_factor = std::strtof(argv[++i], nullptr);
         else if (a == "--mirror") config.mirror = true;
         else if (a == "--max" && has) max_per_file = std::strtoull(argv[++i], nullptr, 10);
-        else if (!a.empty() && a[0] != '-') files.push_back(a);
+        else if (a == "--score-scale" && has) score_scale = std::strtof(argv[++i], nullptr);
+        else if (!a.empty() && a[0] != '-') files.push_back({a, score_scale});
         else {
             usage();
             return 2;
@@ -132,12 +141,13 @@ int main(int argc, char** argv) {
     // The tail of every file is held out: files are whole games in order, so the
     // validation records come from games the training never sees.
     std::vector<TrainRecord> train, valid;
-    for (const std::string& path : files) {
+    for (const DataFile& file : files) {
         std::vector<TrainRecord> part;
-        if (!records_load(path.c_str(), &part)) {
-            std::fprintf(stderr, "cannot read %s\n", path.c_str());
+        if (!records_load(file.path.c_str(), &part)) {
+            std::fprintf(stderr, "cannot read %s\n", file.path.c_str());
             return 1;
         }
+        if (file.score_scale != 1) records_scale_scores(&part, file.score_scale);
         if (part.size() > max_per_file) part.resize(max_per_file);
         const size_t held = size_t(double(part.size()) * val_share);
         train.insert(train.end(), part.begin(), part.end() - long(held));

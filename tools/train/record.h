@@ -16,6 +16,8 @@
 // Little-endian, no header: a data file is a plain array of records, so files can be
 // concatenated, counted by their size and cut at any multiple of 32 bytes.
 #pragma once
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -167,6 +169,13 @@ inline bool records_append(const char* path, const TrainRecord* records, size_t 
     bool ok = std::fwrite(records, sizeof(TrainRecord), count, f) == count;
     ok = std::fclose(f) == 0 && ok;
     return ok;
+}
+
+// Multiplies every score by `factor`, to nearest, within the i16 range: records played
+// by a net of another evaluation scale, brought to the scale of the net being trained.
+inline void records_scale_scores(std::vector<TrainRecord>* records, float factor) {
+    for (TrainRecord& r : *records)
+        r.score = i16(std::clamp(std::lround(double(r.score) * factor), -32767L, 32767L));
 }
 
 // Reads every whole record of a file and appends it to `out`; a trailing partial

@@ -250,18 +250,21 @@ TEST(Network, ScaledOutput) {
     std::ifstream in(VESTRA_TEST_DATA "/openings-unbalanced.epd");
     std::string line;
     double before = 0, after = 0;
-    for (int n = 0; n < 200 && std::getline(in, line); ++n) {
+    int counted = 0;
+    for (int n = 0; n < 1000 && std::getline(in, line); ++n) {
         set_position(t.get(), (line + " 0 1").c_str(), "");
         t->ply_records[0].computed = 0;
         const i32 e = evaluate(t.get(), 0);
         UseImage use(scaled.get());
         t->ply_records[0].computed = 0;
         const i32 s = evaluate(t.get(), 0);
+        if (std::abs(e) < 60) continue;  // too small for the rounding to stay negligible
         before += std::abs(e);
         after += e < 0 ? -s : s;
+        ++counted;
     }
-    ASSERT_GT(before, 200 * 50.0);
-    EXPECT_NEAR(after / before, 0.6, 0.02);
+    ASSERT_GT(counted, 50);
+    EXPECT_NEAR(after / before, 0.6, 0.03);  // 0.61 for nets 17 and 18
 
     ImagePtr copy(network_alloc());
     std::memcpy(static_cast<void*>(copy.get()), scaled.get(), NET_IMAGE_SIZE);

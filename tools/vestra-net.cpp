@@ -101,10 +101,13 @@ int main(int argc, char** argv) {
     }
     if (scaled_path) {
         NetworkImage* out = network_alloc();
-        bool ok = out != nullptr;
+        bool ok = out != nullptr && scale_output > 0;
         if (ok) std::memcpy(static_cast<void*>(out), network_image, sizeof(NetworkImage));
-        ok = ok && scale_output > 0 && network_scale_output(out, scale_output);
-        if (!ok) std::fprintf(stderr, "cannot scale the output by %g: an output weight leaves i8\n", scale_output);
+        if (!ok) std::fprintf(stderr, "--scale-output needs a factor above 0\n");
+        if (ok && !network_scale_output(out, scale_output)) {
+            std::fprintf(stderr, "cannot scale the output by %g: an output weight leaves i8\n", scale_output);
+            ok = false;
+        }
         if (ok && !network_write_file(scaled_path, out)) {
             std::fprintf(stderr, "cannot write %s\n", scaled_path);
             ok = false;

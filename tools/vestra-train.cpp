@@ -147,8 +147,8 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "cannot read %s\n", file.path.c_str());
             return 1;
         }
-        if (file.score_scale != 1) records_scale_scores(&part, file.score_scale);
         if (part.size() > max_per_file) part.resize(max_per_file);
+        if (file.score_scale != 1) records_scale_scores(&part, file.score_scale);
         const size_t held = size_t(double(part.size()) * val_share);
         train.insert(train.end(), part.begin(), part.end() - long(held));
         valid.insert(valid.end(), part.end() - long(held), part.end());

@@ -67,6 +67,26 @@ void evaluate_fen(SearchThread* thread, const std::string& fen) {
     std::printf("%s | eval %d (side to move), %d (White)\n", fen.c_str(), int(score), int(white));
 }
 
+// Writes a copy of `image` with its output scaled by `factor` to `path`.
+bool write_scaled(const NetworkImage* image, double factor, const char* path) {
+    if (!(factor > 0)) {
+        std::fprintf(stderr, "--scale-output needs a factor above 0\n");
+        return false;
+    }
+    std::unique_ptr<NetworkImage, void (*)(NetworkImage*)> out(network_alloc(), network_free);
+    if (!out) return false;
+    std::memcpy(static_cast<void*>(out.get()), image, sizeof(NetworkImage));
+    if (!network_scale_output(out.get(), factor)) {
+        std::fprintf(stderr, "cannot scale the output by %g: an output weight leaves i8\n", factor);
+        return false;
+    }
+    if (!network_write_file(path, out.get())) {
+        std::fprintf(stderr, "cannot write %s\n", path);
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -100,19 +120,7 @@ int main(int argc, char** argv) {
         network_image = loaded;
     }
     if (scaled_path) {
-        NetworkImage* out = network_alloc();
-        bool ok = out != nullptr && scale_output > 0;
-        if (ok) std::memcpy(static_cast<void*>(out), network_image, sizeof(NetworkImage));
-        if (!ok) std::fprintf(stderr, "--scale-output needs a factor above 0\n");
-        if (ok && !network_scale_output(out, scale_output)) {
-            std::fprintf(stderr, "cannot scale the output by %g: an output weight leaves i8\n", scale_output);
-            ok = false;
-        }
-        if (ok && !network_write_file(scaled_path, out)) {
-            std::fprintf(stderr, "cannot write %s\n", scaled_path);
-            ok = false;
-        }
-        network_free(out);
+        const bool ok = write_scaled(network_image, scale_output, scaled_path);
         network_free(loaded);
         return ok ? 0 : 1;
     }

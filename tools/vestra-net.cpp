@@ -74,7 +74,10 @@ bool write_scaled(const NetworkImage* image, double factor, const char* path) {
         return false;
     }
     std::unique_ptr<NetworkImage, void (*)(NetworkImage*)> out(network_alloc(), network_free);
-    if (!out) return false;
+    if (!out) {
+        std::fprintf(stderr, "cannot allocate a network image\n");
+        return false;
+    }
     std::memcpy(static_cast<void*>(out.get()), image, sizeof(NetworkImage));
     if (!network_scale_output(out.get(), factor)) {
         std::fprintf(stderr, "cannot scale the output by %g: an output weight leaves i8\n", factor);

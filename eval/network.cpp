@@ -92,13 +92,15 @@ bool network_write_file(const char* path, const NetworkImage* image) {
 }
 
 bool network_scale_output(NetworkImage* image, double factor) {
+    // Ties go to even (the default rounding mode): the scaled images already matched
+    // were made that way, and halving odd weights is all ties.
     i8 scaled[NET_HIDDEN2];
     for (int i = 0; i < NET_HIDDEN2; ++i) {
-        const long w = std::lround(double(image->output_weights[i]) * factor);
-        if (w < -128 || w > 127) return false;
+        const double w = std::nearbyint(double(image->output_weights[i]) * factor);
+        if (!(w >= -128 && w <= 127)) return false;
         scaled[i] = i8(w);
     }
-    const double bias = std::round(double(image->output_bias) * factor);
+    const double bias = std::nearbyint(double(image->output_bias) * factor);
     if (!(std::fabs(bias) < 2147483647.0)) return false;
     std::memcpy(image->output_weights, scaled, sizeof scaled);
     image->output_bias = i32(bias);

@@ -115,7 +115,7 @@ void network_free(NetworkImage* image);
 // differs.
 bool network_read_file(const char* path, NetworkImage* image);
 bool network_write_file(const char* path, const NetworkImage* image);
-// Multiplies the output weights and bias by `factor`, each to nearest, so that every
+// Multiplies the output weights and bias by `factor`, each to nearest (ties to even), so that every
 // evaluation is about `factor` times what it was: the search's margins are fixed
 // numbers, and the scale of a trained net is otherwise only what it inherited. False,
 // with the image untouched, if a weight would leave the i8 range.

@@ -274,4 +274,16 @@ TEST(Network, ScaledOutput) {
     EXPECT_EQ(std::memcmp(copy.get(), scaled.get(), NET_IMAGE_SIZE), 0);
     EXPECT_TRUE(network_scale_output(scaled.get(), 1.27));
     EXPECT_EQ(scaled->output_weights[3], 127);
+
+    // Halves are ties, and they go to even, so a documented factor remakes the image
+    // that was matched byte for byte.
+    scaled->output_weights[0] = 5;
+    scaled->output_weights[1] = -7;
+    scaled->output_weights[2] = 3;
+    scaled->output_bias = 9;
+    ASSERT_TRUE(network_scale_output(scaled.get(), 0.5));
+    EXPECT_EQ(scaled->output_weights[0], 2);
+    EXPECT_EQ(scaled->output_weights[1], -4);
+    EXPECT_EQ(scaled->output_weights[2], 2);
+    EXPECT_EQ(scaled->output_bias, 4);
 }

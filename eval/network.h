@@ -115,8 +115,8 @@ void network_free(NetworkImage* image);
 // differs.
 bool network_read_file(const char* path, NetworkImage* image);
 bool network_write_file(const char* path, const NetworkImage* image);
-// Multiplies the output weights and bias by `factor`, each to nearest (ties to even), so that every
-// evaluation is about `factor` times what it was: the search's margins are fixed
-// numbers, and the scale of a trained net is otherwise only what it inherited. False,
-// with the image untouched, if a weight would leave the i8 range.
+// Multiplies the output weights and bias by `factor`, each to nearest (ties to even),
+// so that every evaluation is about `factor` times what it was: the search's margins
+// are fixed numbers, and the scale of a trained net is otherwise only what it
+// inherited. False, with the image untouched, if a weight would leave the i8 range.
 bool network_scale_output(NetworkImage* image, double factor);

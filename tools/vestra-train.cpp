@@ -6,6 +6,9 @@
 //     --batch N         records per optimiser step (default 4096)
 //     --lr X            Adam rate (default 0.002), times --lr-decay after each epoch
 //     --lr-decay X      (default 0.85)
+//     --lr-end X        instead of --lr-decay: the rate falls in a straight line, step by
+//                       step, from --lr at the first step of epoch 1 to X at the last
+//                       step of epoch --epochs (a resumed run picks the line up again)
 //     --lambda X        weight of the search score against the result (default 0.7)
 //     --scale X         internal units per logit of the sigmoid (default 340)
 //     --val X           share of each file, its tail, held out (default 0.05)
@@ -86,9 +89,9 @@ bool save_image(const std::string& path, const FloatNet& net) {
 
 void usage() {
     std::fprintf(stderr,
-                 "usage: vestra-train --out PREFIX [--epochs N] [--batch N] [--lr X] [--lr-decay X] [--lambda X]\n"
-                 "                    [--scale X] [--val X] [--threads N] [--seed N] [--init FILE] [--resume]\n"
-                 "                    [--no-qat] [--row-lr X] [--max N] [--mirror] [--score-scale X] DATA_FILE...\n");
+                 "usage: vestra-train --out PREFIX [--epochs N] [--batch N] [--lr X] [--lr-decay X] [--lr-end X]\n"
+                 "                    [--lambda X] [--scale X] [--val X] [--threads N] [--seed N] [--init FILE]\n"
+                 "                    [--resume] [--no-qat] [--row-lr X] [--max N] [--mirror] [--score-scale X] DATA_FILE...\n");
 }
 
 }  // namespace
@@ -98,6 +101,7 @@ int main(int argc, char** argv) {
     std::string out, init;
     int epochs = 10, batch = 4096;
     float lr_decay = 0.85f, val_share = 0.05f;
+    float lr_end = -1;  // below zero: no straight-line schedule
     u64 seed = 1;
     bool resume = false;
     size_t max_per_file = SIZE_MAX;
@@ -115,6 +119,7 @@ int main(int argc, char** argv) {
         else if (a == "--batch" && has) batch = std::max(1, std::atoi(argv[++i]));
         else if (a == "--lr" && has) config.lr = std::strtof(argv[++i], nullptr);
         else if (a == "--lr-decay" && has) lr_decay = std::strtof(argv[++i], nullptr);
+        else if (a == "--lr-end" && has) lr_end = std::max(0.0f, std::strtof(argv[++i], nullptr));
         else if (a == "--lambda" && has) config.lambda = std::strtof(argv[++i], nullptr);
         else if (a == "--scale" && has) config.scale = std::max(1.0f, std::strtof(argv[++i], nullptr));
         else if (a == "--val" && has) val_share = std::clamp(std::strtof(argv[++i], nullptr), 0.0f, 0.5f);
@@ -167,7 +172,7 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "cannot resume from %s\n", ckpt.c_str());
             return 1;
         }
-        tr.config.lr = lr;
+        if (lr_end < 0) tr.config.lr = lr;  // the line is drawn from --lr, not the saved rate
         first_epoch = done + 1;
         std::printf("resumed after epoch %d, step %ld, lr %g\n", done, tr.adam.step, double(lr));
     } else if (!init.empty() && checkpoint_read_net(init.c_str(), &net)) {
@@ -191,6 +196,13 @@ int main(int argc, char** argv) {
     std::vector<u32> order(train.size());
     for (size_t i = 0; i < order.size(); ++i) order[i] = u32(i);
     std::vector<const TrainRecord*> batch_ptr(static_cast<size_t>(batch));
+    // A warm start from an image puts every weight on the image's grid, and a constant
+    // small rate may never move a first-layer value by the half step that changes its
+    // rounding; a larger rate that falls to nearly nothing moves the weights and still
+    // ends on a settled net rather than a noisy one.
+    const float lr_start = config.lr;
+    const size_t steps_per_epoch = (order.size() + size_t(batch) - 1) / size_t(batch);
+    const double total_steps = double(steps_per_epoch) * double(std::max(1, epochs));
 
     // The quantised net as the engine computes it (first layer, weights and activations
     // on the image's grid); the same as the plain validation loss when training is
@@ -220,6 +232,11 @@ int main(int argc, char** argv) {
         for (size_t b = 0; b < order.size(); b += size_t(batch)) {
             const int n = int(std::min(order.size() - b, size_t(batch)));
             for (int i = 0; i < n; ++i) batch_ptr[size_t(i)] = &train[order[b + size_t(i)]];
+            if (lr_end >= 0) {
+                const double at = double(size_t(epoch - 1) * steps_per_epoch + b / size_t(batch)) /
+                                  std::max(1.0, total_steps - 1);
+                tr.config.lr = float(lr_start + (double(lr_end) - lr_start) * std::min(1.0, at));
+            }
             loss += tr.step(batch_ptr.data(), n);
             done += size_t(n);
             const double t = seconds_since(start);
@@ -236,7 +253,7 @@ int main(int argc, char** argv) {
         const double qloss = quantised_loss(net);
         std::printf("\nepoch %d  lr %.6f  train loss %.6f  validation loss %.6f  quantised %.6f  %.1f s  %.0f samples/s\n",
                     epoch, double(tr.config.lr), loss / double(done), vloss, qloss, secs, double(done) / secs);
-        tr.config.lr *= lr_decay;
+        if (lr_end < 0) tr.config.lr *= lr_decay;
         if (!save_checkpoint(ckpt, tr, epoch, tr.config.lr) || !save_image(image_path, net)) {
             std::fprintf(stderr, "cannot write %s or %s\n", ckpt.c_str(), image_path.c_str());
             return 1;

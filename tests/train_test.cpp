@@ -356,3 +356,82 @@ TEST(TrainData, DatagenBalanceTurnsAwayLopsidedOpenings) {
     EXPECT_GT(free_share, 0.1);
     EXPECT_LT(balanced_share, 0.05);
 }
+
+// The backward pass against central differences of the loss, on the float net (no
+// rounding, so the loss is smooth away from the activation clamps): the largest
+// gradient of every layer, one first-layer row of each half and the shared row behind
+// it, each within a percent.
+TEST(TrainNet, GradientsMatchFiniteDifferences) {
+    auto t = new_thread();
+    set_position(t.get(), "r1bq1rk1/pp2bppp/2n1pn2/3p4/2PP4/2N1PN2/PP3PPP/R2QKB1R w KQ - 2 8", "");
+    const TrainRecord rec = record_from_position(t->top, 250, 2, 20);
+    RecordFeatures f;
+    ASSERT_TRUE(record_features(rec, &f));
+
+    auto net = std::make_unique<FloatNet>();
+    net_init_random(net.get(), 11);
+    Rng rng{5};
+    for (int h = 0; h < 2; ++h)  // own rows off zero, so that row and shared row differ
+        for (int n = 0; n < f.count[h]; ++n)
+            for (int i = 0; i < NET_HALF; ++i) net->row(f.rows[h][n])[i] = float(rng.range(-100, 100)) / 1000;
+    TrainConfig c;
+    c.quantise_aware = false;
+    c.scale = 200;
+    ForwardTrace trace;
+    // A target far from the net's answer, so that the loss has slope.
+    const float target = float_forward(*net, dense_of(*net), f, &trace) > 0 ? 0.05f : 0.95f;
+
+    auto grads = std::make_unique<DenseGrads>();
+    grads->clear();
+    float dacc[NET_INPUTS];
+    train_sample(*net, dense_of(*net), f, target, c, &trace, grads.get(), dacc);
+
+    auto loss = [&] {
+        ForwardTrace tr;
+        return double(win_probability(float_forward(*net, dense_of(*net), f, &tr), c.scale)) - target;
+    };
+    auto numeric = [&](float* w) {
+        const float keep = *w, eps = 1e-2f;
+        *w = keep + eps;
+        const double up = loss();
+        *w = keep - eps;
+        const double down = loss();
+        *w = keep;
+        return (up * up - down * down) / (2.0 * double(eps));
+    };
+    auto check = [&](const char* what, float* w, float analytic) {
+        const double num = numeric(w);
+        EXPECT_NEAR(num, analytic, 0.01 * std::fabs(analytic) + 1e-9) << what;
+        EXPECT_GT(std::fabs(analytic), 1e-7) << what << ": too flat to tell";
+    };
+    auto largest = [](const float* g, int n) {
+        return int(std::max_element(g, g + n, [](float a, float b) { return std::fabs(a) < std::fabs(b); }) - g);
+    };
+
+    check("output bias", &net->b4, grads->b4);
+    int k = largest(grads->w4, NET_HIDDEN2);
+    check("output weight", &net->w4[k], grads->w4[k]);
+    k = largest(&grads->w3[0][0], NET_HIDDEN2 * NET_HIDDEN1);
+    check("second hidden weight", &net->w3[0][0] + k, (&grads->w3[0][0])[k]);
+    k = largest(grads->b3, NET_HIDDEN2);
+    check("second hidden bias", &net->b3[k], grads->b3[k]);
+    k = largest(&grads->w2[0][0], NET_HIDDEN1 * NET_INPUTS);
+    check("first hidden weight", &net->w2[0][0] + k, (&grads->w2[0][0])[k]);
+    k = largest(grads->b2, NET_HIDDEN1);
+    check("first hidden bias", &net->b2[k], grads->b2[k]);
+    k = largest(grads->b1, NET_HALF);
+    check("feature bias", &net->b1[k], grads->b1[k]);
+    for (int h = 0; h < 2; ++h) {
+        // A row counts once for every time it is active in either half.
+        const int r = f.rows[h][0];
+        const int i = largest(dacc + h * NET_HALF, NET_HALF);
+        float expect = 0, shared = 0;
+        for (int hh = 0; hh < 2; ++hh)
+            for (int n = 0; n < f.count[hh]; ++n) {
+                if (f.rows[hh][n] == r) expect += dacc[hh * NET_HALF + i];
+                if (f.rows[hh][n] < NET_FEATURES && f.rows[hh][n] >> 6 == r >> 6) shared += dacc[hh * NET_HALF + i];
+            }
+        check(h ? "row of the second half" : "row of the first half", net->row(r) + i, expect);
+        if (r < NET_FEATURES) check("shared row", net->shared(r) + i, shared);
+    }
+}

@@ -5,6 +5,8 @@
 //   vestra-net [--net FILE] [--chess960]              evaluate FENs read from stdin
 //   vestra-net [--net FILE] --scale-output X OUT      write the image with every evaluation
 //                                                     about X times as large to OUT
+//   vestra-net [--net FILE] --diff OTHER              how many values of each section differ
+//                                                     from OTHER's, and by how much at most
 //
 // Without --net the image compiled into the program is used. Scores are the engine's
 // static evaluation: from the side to move's view, and also from White's.
@@ -55,6 +57,36 @@ void print_stats(const NetworkImage* net) {
     else std::printf("check: fits the engine's arithmetic\n");
 }
 
+// Training from an image can leave most of it as it was (a value moves only once its
+// float master has drifted half a step), so this is the quick check that it moved.
+template <class T>
+void section_diff(const char* name, const T* a, const T* b, size_t count) {
+    size_t differ = 0;
+    long long largest = 0;
+    for (size_t i = 0; i < count; ++i) {
+        const long long d = std::llabs(static_cast<long long>(a[i]) - static_cast<long long>(b[i]));
+        differ += d != 0;
+        largest = d > largest ? d : largest;
+    }
+    std::printf("%-18s %9zu values  %9zu differ (%6.3f %%)  largest difference %lld\n", name, count, differ,
+                100.0 * double(differ) / double(count), largest);
+}
+
+void print_diff(const NetworkImage* a, const NetworkImage* b) {
+    section_diff("feature_weights", &a->feature_weights[0][0], &b->feature_weights[0][0],
+                 size_t(NET_FEATURES) * NET_HALF);
+    section_diff("castling_weights", &a->castling_weights[0][0], &b->castling_weights[0][0], 2 * NET_HALF);
+    section_diff("feature_biases", a->feature_biases, b->feature_biases, NET_HALF);
+    section_diff("hidden1_weights", &a->hidden1_weights[0][0], &b->hidden1_weights[0][0],
+                 size_t(NET_HIDDEN1) * NET_INPUTS);
+    section_diff("hidden1_biases", a->hidden1_biases, b->hidden1_biases, NET_HIDDEN1);
+    section_diff("hidden2_weights", &a->hidden2_weights[0][0], &b->hidden2_weights[0][0],
+                 size_t(NET_HIDDEN2) * NET_HIDDEN1);
+    section_diff("hidden2_biases", a->hidden2_biases, b->hidden2_biases, NET_HIDDEN2);
+    section_diff("output_weights", a->output_weights, b->output_weights, NET_HIDDEN2);
+    section_diff("output_bias", &a->output_bias, &b->output_bias, 1);
+}
+
 void evaluate_fen(SearchThread* thread, const std::string& fen) {
     if (!fen_is_acceptable(fen.c_str())) {
         std::printf("%s | not an acceptable position\n", fen.c_str());
@@ -97,6 +129,7 @@ int main(int argc, char** argv) {
     bool stats = false;
     double scale_output = 0;
     const char* scaled_path = nullptr;
+    const char* diff_path = nullptr;
     std::vector<std::string> fens;
     set_default_options(&engine_options);
     for (int i = 1; i < argc; ++i) {
@@ -106,9 +139,11 @@ int main(int argc, char** argv) {
             scale_output = std::atof(argv[++i]);
             scaled_path = argv[++i];
         }
+        else if (!std::strcmp(argv[i], "--diff") && i + 1 < argc) diff_path = argv[++i];
         else if (!std::strcmp(argv[i], "--chess960")) engine_options.chess960 = true;
         else if (argv[i][0] == '-') {
-            std::fprintf(stderr, "usage: vestra-net [--net FILE] [--chess960] [--stats | --scale-output X OUT] [FEN...]\n");
+            std::fprintf(stderr, "usage: vestra-net [--net FILE] [--chess960] [--stats | --scale-output X OUT | --diff OTHER]\n"
+                         "                  [FEN...]\n");
             return 2;
         } else fens.push_back(argv[i]);
     }
@@ -124,6 +159,15 @@ int main(int argc, char** argv) {
     }
     if (scaled_path) {
         const bool ok = write_scaled(network_image, scale_output, scaled_path);
+        network_free(loaded);
+        return ok ? 0 : 1;
+    }
+    if (diff_path) {
+        NetworkImage* other = network_alloc();
+        const bool ok = other && network_read_file(diff_path, other);
+        if (ok) print_diff(network_image, other);
+        else std::fprintf(stderr, "cannot read a %zu-byte image from %s\n", NET_IMAGE_SIZE, diff_path);
+        network_free(other);
         network_free(loaded);
         return ok ? 0 : 1;
     }

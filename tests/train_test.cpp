@@ -386,16 +386,16 @@ TEST(TrainNet, GradientsMatchFiniteDifferences) {
     float dacc[NET_INPUTS];
     train_sample(*net, dense_of(*net), f, target, c, &trace, grads.get(), dacc);
 
-    auto loss = [&] {
+    auto miss = [&] {  // the loss is its square
         ForwardTrace tr;
         return double(win_probability(float_forward(*net, dense_of(*net), f, &tr), c.scale)) - target;
     };
     auto numeric = [&](float* w) {
         const float keep = *w, eps = 1e-2f;
         *w = keep + eps;
-        const double up = loss();
+        const double up = miss();
         *w = keep - eps;
-        const double down = loss();
+        const double down = miss();
         *w = keep;
         return (up * up - down * down) / (2.0 * double(eps));
     };

@@ -36,15 +36,24 @@ void section(const char* name, const T* values, size_t count) {
                 total / double(count), nonzero);
 }
 
+// Calls visit(name, values of a, values of b, count) for every array section of the
+// image, in file order; the one list that the statistics and the comparison share.
+template <class F>
+void each_section(const NetworkImage* a, const NetworkImage* b, F&& visit) {
+    visit("feature_weights", &a->feature_weights[0][0], &b->feature_weights[0][0], size_t(NET_FEATURES) * NET_HALF);
+    visit("castling_weights", &a->castling_weights[0][0], &b->castling_weights[0][0], size_t(2) * NET_HALF);
+    visit("feature_biases", a->feature_biases, b->feature_biases, size_t(NET_HALF));
+    visit("hidden1_weights", &a->hidden1_weights[0][0], &b->hidden1_weights[0][0], size_t(NET_HIDDEN1) * NET_INPUTS);
+    visit("hidden1_biases", a->hidden1_biases, b->hidden1_biases, size_t(NET_HIDDEN1));
+    visit("hidden2_weights", &a->hidden2_weights[0][0], &b->hidden2_weights[0][0], size_t(NET_HIDDEN2) * NET_HIDDEN1);
+    visit("hidden2_biases", a->hidden2_biases, b->hidden2_biases, size_t(NET_HIDDEN2));
+    visit("output_weights", a->output_weights, b->output_weights, size_t(NET_HIDDEN2));
+}
+
 void print_stats(const NetworkImage* net) {
-    section("feature_weights", &net->feature_weights[0][0], size_t(NET_FEATURES) * NET_HALF);
-    section("castling_weights", &net->castling_weights[0][0], 2 * NET_HALF);
-    section("feature_biases", net->feature_biases, NET_HALF);
-    section("hidden1_weights", &net->hidden1_weights[0][0], size_t(NET_HIDDEN1) * NET_INPUTS);
-    section("hidden1_biases", net->hidden1_biases, NET_HIDDEN1);
-    section("hidden2_weights", &net->hidden2_weights[0][0], size_t(NET_HIDDEN2) * NET_HIDDEN1);
-    section("hidden2_biases", net->hidden2_biases, NET_HIDDEN2);
-    section("output_weights", net->output_weights, NET_HIDDEN2);
+    each_section(net, net, [](const char* name, const auto* values, const auto*, size_t count) {
+        section(name, values, count);
+    });
     std::printf("output_bias        %d\n", int(net->output_bias));
     std::printf("fraction_bits      %d %d %d %d (expected %d %d %d %d)\n", int(net->fraction_bits[0]),
                 int(net->fraction_bits[1]), int(net->fraction_bits[2]), int(net->fraction_bits[3]),
@@ -73,17 +82,9 @@ void section_diff(const char* name, const T* a, const T* b, size_t count) {
 }
 
 void print_diff(const NetworkImage* a, const NetworkImage* b) {
-    section_diff("feature_weights", &a->feature_weights[0][0], &b->feature_weights[0][0],
-                 size_t(NET_FEATURES) * NET_HALF);
-    section_diff("castling_weights", &a->castling_weights[0][0], &b->castling_weights[0][0], 2 * NET_HALF);
-    section_diff("feature_biases", a->feature_biases, b->feature_biases, NET_HALF);
-    section_diff("hidden1_weights", &a->hidden1_weights[0][0], &b->hidden1_weights[0][0],
-                 size_t(NET_HIDDEN1) * NET_INPUTS);
-    section_diff("hidden1_biases", a->hidden1_biases, b->hidden1_biases, NET_HIDDEN1);
-    section_diff("hidden2_weights", &a->hidden2_weights[0][0], &b->hidden2_weights[0][0],
-                 size_t(NET_HIDDEN2) * NET_HIDDEN1);
-    section_diff("hidden2_biases", a->hidden2_biases, b->hidden2_biases, NET_HIDDEN2);
-    section_diff("output_weights", a->output_weights, b->output_weights, NET_HIDDEN2);
+    each_section(a, b, [](const char* name, const auto* x, const auto* y, size_t count) {
+        section_diff(name, x, y, count);
+    });
     section_diff("output_bias", &a->output_bias, &b->output_bias, 1);
 }
 

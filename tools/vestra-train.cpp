@@ -16,10 +16,16 @@
 //     --seed N          initial weights and shuffling (default 1)
 //     --init FILE       start from a checkpoint's net or an image instead of random weights
 //     --resume          continue from PREFIX.ckpt (weights, moments, epoch)
+//     --dither          with --init IMAGE: spread every value over its rounding cell (the
+//                       image stays the same), so that small rates move it as they
+//                       would move a checkpoint
 //     --no-qat          train the dense layers without their image rounding
 //     --row-lr X        rate of the king-relative rows against the shared ones (default 0.1)
 //     --max N           use at most N records of each file
 //     --mirror          show records without castling rights mirrored half the time
+//     --held-out FILE   a data file held out whole, in place of the tails of the others
+//                       (--val 0 then), so that runs on more or fewer records of the
+//                       same games are scored on the same positions (repeatable)
 //     --score-scale X   multiply the search scores of the data files after it by X (until
 //                       the next --score-scale), to train records played at another
 //                       evaluation scale alongside the net's own
@@ -27,6 +33,7 @@
 // Writes PREFIX.ckpt and PREFIX.nnue after every epoch (through a temporary file, so an
 // interruption leaves the last complete epoch behind), and PREFIX-best.ckpt/.nnue after
 // each epoch whose quantised validation loss is the lowest of the run so far.
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -91,7 +98,8 @@ void usage() {
     std::fprintf(stderr,
                  "usage: vestra-train --out PREFIX [--epochs N] [--batch N] [--lr X] [--lr-decay X] [--lr-end X]\n"
                  "                    [--lambda X] [--scale X] [--val X] [--threads N] [--seed N] [--init FILE]\n"
-                 "                    [--resume] [--no-qat] [--row-lr X] [--max N] [--mirror] [--score-scale X] DATA_FILE...\n");
+                 "                    [--resume] [--dither] [--no-qat] [--row-lr X] [--max N] [--mirror] [--score-scale X]\n"
+                 "                    [--held-out FILE] DATA_FILE...\n");
 }
 
 }  // namespace
@@ -103,12 +111,13 @@ int main(int argc, char** argv) {
     float lr_decay = 0.85f, val_share = 0.05f;
     float lr_end = -1;  // below zero: no straight-line schedule
     u64 seed = 1;
-    bool resume = false;
+    bool resume = false, dither = false;
     size_t max_per_file = SIZE_MAX;
     float score_scale = 1;
     struct DataFile {
         std::string path;
         float score_scale;
+        bool held_out;
     };
     std::vector<DataFile> files;
     for (int i = 1; i < argc; ++i) {
@@ -127,12 +136,14 @@ int main(int argc, char** argv) {
         else if (a == "--seed" && has) seed = std::strtoull(argv[++i], nullptr, 10);
         else if (a == "--init" && has) init = argv[++i];
         else if (a == "--resume") resume = true;
+        else if (a == "--dither") dither = true;
         else if (a == "--no-qat") config.quantise_aware = false;
         else if (a == "--row-lr" && has) config.row_lr_factor = std::strtof(argv[++i], nullptr);
         else if (a == "--mirror") config.mirror = true;
         else if (a == "--max" && has) max_per_file = std::strtoull(argv[++i], nullptr, 10);
         else if (a == "--score-scale" && has) score_scale = std::strtof(argv[++i], nullptr);
-        else if (!a.empty() && a[0] != '-') files.push_back({a, score_scale});
+        else if (a == "--held-out" && has) files.push_back({argv[++i], score_scale, true});
+        else if (!a.empty() && a[0] != '-') files.push_back({a, score_scale, false});
         else {
             usage();
             return 2;
@@ -154,7 +165,8 @@ int main(int argc, char** argv) {
         }
         if (part.size() > max_per_file) part.resize(max_per_file);
         if (file.score_scale != 1) records_scale_scores(&part, file.score_scale);
-        const size_t held = size_t(double(part.size()) * val_share);
+        const bool whole = std::any_of(files.begin(), files.end(), [](const DataFile& d) { return d.held_out; });
+        const size_t held = file.held_out ? part.size() : whole ? 0 : size_t(double(part.size()) * val_share);
         train.insert(train.end(), part.begin(), part.end() - long(held));
         valid.insert(valid.end(), part.end() - long(held), part.end());
     }
@@ -187,6 +199,7 @@ int main(int argc, char** argv) {
         network_free(image);
         std::printf("weights from image %s, %d unused neurons switched on\n", init.c_str(),
                     net_revive_unused(&net, seed));
+        if (dither) std::printf("%ld values spread over their rounding cells\n", net_dither(&net, seed));
     } else {
         net_init_random(&net, seed);
     }

@@ -321,3 +321,40 @@ inline int net_revive_unused(FloatNet* net, u64 seed) {
     }
     return revived;
 }
+
+// A net imported from an image sits exactly on the grid, where a quantisation-aware
+// step sees a value change only after it has drifted half a step, so small rates stall
+// (every crossing needs a whole half step of steady push). A trained checkpoint instead
+// has its values spread over their rounding cells, and a push of any size turns into
+// crossings in proportion to its size. This spreads each value of the net uniformly
+// over the cell that rounds to its image value (a little inside, so that ties cannot
+// flip): the quantised net, and so every forward pass, stays exactly the image's.
+// First-layer rows are spread only where the shared row is zero (it is, after an
+// import, except on revived neurons). Returns the number of values moved.
+inline long net_dither(FloatNet* net, u64 seed) {
+    std::mt19937_64 rng(seed ^ 0xd1b54a32d192ed03ULL);
+    std::uniform_real_distribution<float> cell(-0.49f, 0.49f);
+    long moved = 0;
+    auto spread = [&](float* p, size_t n, float grid, float lo, float hi) {
+        for (size_t i = 0; i < n; ++i) {
+            // An imported value beyond the training bounds stays beyond them: Adam's own
+            // clamp decides about it, as it would without the spread.
+            p[i] = std::clamp(p[i] + cell(rng) / grid, std::min(lo, p[i]), std::max(hi, p[i]));
+            ++moved;
+        }
+    };
+    for (int r = 0; r < NET_ROWS; ++r) {
+        float* w = net->row(r);
+        const float* s = r < NET_FEATURES ? net->shared(r) : ZERO_ROW;
+        for (int i = 0; i < NET_HALF; ++i)
+            if (s[i] == 0) spread(w + i, 1, 16, -FEATURE_LIMIT, FEATURE_LIMIT);
+    }
+    spread(net->b1, NET_HALF, 16, -FEATURE_LIMIT, FEATURE_LIMIT);
+    spread(&net->w2[0][0], size_t(NET_HIDDEN1) * NET_INPUTS, 8, HIDDEN_W_MIN, HIDDEN_W_MAX);
+    spread(net->b2, NET_HIDDEN1, 64, -1e4f, 1e4f);
+    spread(&net->w3[0][0], size_t(NET_HIDDEN2) * NET_HIDDEN1, 8, HIDDEN_W_MIN, HIDDEN_W_MAX);
+    spread(net->b3, NET_HIDDEN2, 64, -1e4f, 1e4f);
+    spread(net->w4, NET_HIDDEN2, 4, OUTPUT_W_MIN, OUTPUT_W_MAX);
+    spread(&net->b4, 1, 32, -1e5f, 1e5f);
+    return moved;
+}

@@ -21,6 +21,7 @@
 //                       would move a checkpoint
 //     --no-qat          train the dense layers without their image rounding
 //     --row-lr X        rate of the king-relative rows against the shared ones (default 0.1)
+//     --shared-lr X     rate of the shared rows against the base rate (default 1)
 //     --max N           use at most N records of each file
 //     --mirror          show records without castling rights mirrored half the time
 //     --held-out FILE   a data file held out whole, in place of the tails of the others
@@ -98,8 +99,8 @@ void usage() {
     std::fprintf(stderr,
                  "usage: vestra-train --out PREFIX [--epochs N] [--batch N] [--lr X] [--lr-decay X] [--lr-end X]\n"
                  "                    [--lambda X] [--scale X] [--val X] [--threads N] [--seed N] [--init FILE]\n"
-                 "                    [--resume] [--dither] [--no-qat] [--row-lr X] [--max N] [--mirror] [--score-scale X]\n"
-                 "                    [--held-out FILE] DATA_FILE...\n");
+                 "                    [--resume] [--dither] [--no-qat] [--row-lr X] [--shared-lr X] [--max N] [--mirror]\n"
+                 "                    [--score-scale X] [--held-out FILE] DATA_FILE...\n");
 }
 
 }  // namespace
@@ -139,6 +140,7 @@ int main(int argc, char** argv) {
         else if (a == "--dither") dither = true;
         else if (a == "--no-qat") config.quantise_aware = false;
         else if (a == "--row-lr" && has) config.row_lr_factor = std::strtof(argv[++i], nullptr);
+        else if (a == "--shared-lr" && has) config.shared_lr_factor = std::strtof(argv[++i], nullptr);
         else if (a == "--mirror") config.mirror = true;
         else if (a == "--max" && has) max_per_file = std::strtoull(argv[++i], nullptr, 10);
         else if (a == "--score-scale" && has) score_scale = std::strtof(argv[++i], nullptr);

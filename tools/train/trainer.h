@@ -18,6 +18,7 @@ struct TrainConfig {
     // seen row as large a step as a common one, so at full rate the 40,960 rows would
     // memorise positions that the 640 shared rows ought to explain.
     float row_lr_factor = 0.1f;
+    float shared_lr_factor = 1;  // of the shared rows (0 with --row-lr 0 freezes the first layer)
     int threads = 2;
     // Quantisation-aware: the dense layers are evaluated with their image values and the
     // activations rounded to the integer pass's 1/8 steps (straight-through gradients).
@@ -226,7 +227,8 @@ struct Trainer {
                 }
             };
             update(grad1, touched1, net.w1.data(), adam.m1.data(), adam.v1.data(), rows, config.row_lr_factor);
-            update(gradf, touchedf, net.factor.data(), adam.mf.data(), adam.vf.data(), shared_rows, 1);
+            update(gradf, touchedf, net.factor.data(), adam.mf.data(), adam.vf.data(), shared_rows,
+                   config.shared_lr_factor);
         };
         run_threads(threads, sparse);
 

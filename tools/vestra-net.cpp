@@ -7,9 +7,13 @@
 //                                                     about X times as large to OUT
 //   vestra-net [--net FILE] --diff OTHER              how many values of each section differ
 //                                                     from OTHER's, and by how much at most
+//   vestra-net [--net FILE] --ratio OTHER RECORDS     how large OTHER's evaluations are against
+//                                                     this net's, and the records' search scores,
+//                                                     over up to 20,000 positions of a data file
 //
 // Without --net the image compiled into the program is used. Scores are the engine's
 // static evaluation: from the side to move's view, and also from White's.
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +22,7 @@
 #include <vector>
 #include "eval/network.h"
 #include "search/thread.h"
+#include "tools/train/engine_eval.h"
 
 namespace {
 
@@ -88,6 +93,50 @@ void print_diff(const NetworkImage* a, const NetworkImage* b) {
     section_diff("output_bias", &a->output_bias, &b->output_bias, 1);
 }
 
+// The search's margins are fixed numbers, so a net that evaluates a few per cent larger
+// than its parent plays as if they were a few per cent smaller (tools/TRAINING.md,
+// *Evaluation scale*); training drifts the scale, and this measures it: the slope of a
+// line through the origin, fitted where this net's evaluation is beyond 60 either way
+// (nearer zero the ratio is mostly noise).
+bool print_ratio(const NetworkImage* self, const NetworkImage* other, const char* records_path) {
+    std::vector<TrainRecord> records;
+    if (!records_load(records_path, &records) || records.empty()) {
+        std::fprintf(stderr, "cannot read records from %s\n", records_path);
+        return false;
+    }
+    init_board_tables();
+    auto thread = std::make_unique<SearchThread>();
+    const size_t step = records.size() / 20000 + 1;
+    // One net at a time: what the engine derives from an image is derived at the switch.
+    std::vector<double> mine, theirs;
+    for (const NetworkImage* net : {other, self}) {
+        network_image = net;
+        network_startup_check();
+        std::vector<double>& out = net == self ? mine : theirs;
+        for (size_t i = 0; i < records.size(); i += step) out.push_back(engine_evaluate_record(thread.get(), records[i]));
+    }
+    double xo = 0, xs = 0, xx = 0;
+    long fitted = 0;
+    const long used = long(mine.size());
+    for (size_t k = 0; k < mine.size(); ++k) {
+        const double a = mine[k];
+        if (std::fabs(a) <= 60) continue;
+        ++fitted;
+        xo += a * theirs[k];
+        xs += a * records[k * step].score;
+        xx += a * a;
+    }
+    network_image = self;
+    if (!fitted) {
+        std::printf("no position of %ld evaluated beyond 60\n", used);
+        return true;
+    }
+    std::printf("%ld positions, %ld evaluated beyond 60: the other net's evaluations are %.3f times this net's, "
+                "the records' search scores %.3f times\n",
+                used, fitted, xo / xx, xs / xx);
+    return true;
+}
+
 void evaluate_fen(SearchThread* thread, const std::string& fen) {
     if (!fen_is_acceptable(fen.c_str())) {
         std::printf("%s | not an acceptable position\n", fen.c_str());
@@ -131,6 +180,8 @@ int main(int argc, char** argv) {
     double scale_output = 0;
     const char* scaled_path = nullptr;
     const char* diff_path = nullptr;
+    const char* ratio_path = nullptr;
+    const char* ratio_records = nullptr;
     std::vector<std::string> fens;
     set_default_options(&engine_options);
     for (int i = 1; i < argc; ++i) {
@@ -141,10 +192,14 @@ int main(int argc, char** argv) {
             scaled_path = argv[++i];
         }
         else if (!std::strcmp(argv[i], "--diff") && i + 1 < argc) diff_path = argv[++i];
+        else if (!std::strcmp(argv[i], "--ratio") && i + 2 < argc) {
+            ratio_path = argv[++i];
+            ratio_records = argv[++i];
+        }
         else if (!std::strcmp(argv[i], "--chess960")) engine_options.chess960 = true;
         else if (argv[i][0] == '-') {
-            std::fprintf(stderr, "usage: vestra-net [--net FILE] [--chess960] [--stats | --scale-output X OUT | --diff OTHER]\n"
-                         "                  [FEN...]\n");
+            std::fprintf(stderr, "usage: vestra-net [--net FILE] [--chess960] [--stats | --scale-output X OUT | --diff OTHER |\n"
+                         "                  --ratio OTHER RECORDS] [FEN...]\n");
             return 2;
         } else fens.push_back(argv[i]);
     }
@@ -163,11 +218,13 @@ int main(int argc, char** argv) {
         network_free(loaded);
         return ok ? 0 : 1;
     }
-    if (diff_path) {
+    if (diff_path || ratio_path) {
+        const char* other_path = diff_path ? diff_path : ratio_path;
         NetworkImage* other = network_alloc();
-        const bool ok = other && network_read_file(diff_path, other);
-        if (ok) print_diff(network_image, other);
-        else std::fprintf(stderr, "cannot read a %zu-byte image from %s\n", NET_IMAGE_SIZE, diff_path);
+        bool ok = other && network_read_file(other_path, other);
+        if (!ok) std::fprintf(stderr, "cannot read a %zu-byte image from %s\n", NET_IMAGE_SIZE, other_path);
+        else if (diff_path) print_diff(network_image, other);
+        else ok = print_ratio(network_image, other, ratio_records);
         network_free(other);
         network_free(loaded);
         return ok ? 0 : 1;

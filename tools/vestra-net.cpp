@@ -113,7 +113,8 @@ bool print_ratio(const NetworkImage* self, const NetworkImage* other, const char
         network_image = net;
         network_startup_check();
         std::vector<double>& out = net == self ? mine : theirs;
-        for (size_t i = 0; i < records.size(); i += step) out.push_back(engine_evaluate_record(thread.get(), records[i]));
+        for (size_t i = 0; i < records.size(); i += step)
+            out.push_back(engine_evaluate_record(thread.get(), records[i]));
     }
     double xo = 0, xs = 0, xx = 0;
     long fitted = 0;
@@ -198,8 +199,8 @@ int main(int argc, char** argv) {
         }
         else if (!std::strcmp(argv[i], "--chess960")) engine_options.chess960 = true;
         else if (argv[i][0] == '-') {
-            std::fprintf(stderr, "usage: vestra-net [--net FILE] [--chess960] [--stats | --scale-output X OUT | --diff OTHER |\n"
-                         "                  --ratio OTHER RECORDS] [FEN...]\n");
+            std::fprintf(stderr, "usage: vestra-net [--net FILE] [--chess960] [--stats | --scale-output X OUT |\n"
+                         "                  --diff OTHER | --ratio OTHER RECORDS] [FEN...]\n");
             return 2;
         } else fens.push_back(argv[i]);
     }

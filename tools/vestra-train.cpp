@@ -99,8 +99,8 @@ void usage() {
     std::fprintf(stderr,
                  "usage: vestra-train --out PREFIX [--epochs N] [--batch N] [--lr X] [--lr-decay X] [--lr-end X]\n"
                  "                    [--lambda X] [--scale X] [--val X] [--threads N] [--seed N] [--init FILE]\n"
-                 "                    [--resume] [--dither] [--no-qat] [--row-lr X] [--shared-lr X] [--max N] [--mirror]\n"
-                 "                    [--score-scale X] [--held-out FILE] DATA_FILE...\n");
+                 "                    [--resume] [--dither] [--no-qat] [--row-lr X] [--shared-lr X] [--max N]\n"
+                 "                    [--mirror] [--score-scale X] [--held-out FILE] DATA_FILE...\n");
 }
 
 }  // namespace
@@ -159,6 +159,7 @@ int main(int argc, char** argv) {
     // The tail of every file is held out: files are whole games in order, so the
     // validation records come from games the training never sees.
     std::vector<TrainRecord> train, valid;
+    const bool whole_files = std::any_of(files.begin(), files.end(), [](const DataFile& d) { return d.held_out; });
     for (const DataFile& file : files) {
         std::vector<TrainRecord> part;
         if (!records_load(file.path.c_str(), &part)) {
@@ -167,8 +168,7 @@ int main(int argc, char** argv) {
         }
         if (part.size() > max_per_file) part.resize(max_per_file);
         if (file.score_scale != 1) records_scale_scores(&part, file.score_scale);
-        const bool whole = std::any_of(files.begin(), files.end(), [](const DataFile& d) { return d.held_out; });
-        const size_t held = file.held_out ? part.size() : whole ? 0 : size_t(double(part.size()) * val_share);
+        const size_t held = file.held_out ? part.size() : whole_files ? 0 : size_t(double(part.size()) * val_share);
         train.insert(train.end(), part.begin(), part.end() - long(held));
         valid.insert(valid.end(), part.end() - long(held), part.end());
     }

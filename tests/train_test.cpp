@@ -330,7 +330,8 @@ TEST(TrainNet, QuantisedImageStaysInRange) {
     long off_grid = 0;
     for (const auto& row : back->w2)
         for (float w : row) off_grid += 8 * w != std::nearbyint(8 * w);
-    for (size_t i = 0; i < back->w1.size(); i += 101) off_grid += 16 * back->w1[i] != std::nearbyint(16 * back->w1[i]);
+    for (size_t i = 0; i < back->w1.size(); i += 101)
+        off_grid += 16 * back->w1[i] != std::nearbyint(16 * back->w1[i]);
     EXPECT_GT(off_grid, (NET_HIDDEN1 * NET_INPUTS + long(back->w1.size() / 101)) * 9 / 10);
     net_to_image(*back, again.get());
     EXPECT_EQ(std::memcmp(image.get(), again.get(), sizeof(NetworkImage)), 0);

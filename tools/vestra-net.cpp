@@ -108,6 +108,7 @@ bool print_ratio(const NetworkImage* self, const NetworkImage* other, const char
     auto thread = std::make_unique<SearchThread>();
     const size_t step = records.size() / 20000 + 1;
     // One net at a time: what the engine derives from an image is derived at the switch.
+    // This net goes last, so it is the one in place afterwards.
     std::vector<double> mine, theirs;
     for (const NetworkImage* net : {other, self}) {
         network_image = net;
@@ -127,7 +128,6 @@ bool print_ratio(const NetworkImage* self, const NetworkImage* other, const char
         xs += a * records[k * step].score;
         xx += a * a;
     }
-    network_image = self;
     if (!fitted) {
         std::printf("no position of %ld evaluated beyond 60\n", used);
         return true;

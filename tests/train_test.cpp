@@ -284,6 +284,20 @@ TEST(TrainNet, TrainingLowersTheLoss) {
     const double after = evaluate_loss(*net, tr.dense(), c, valid, 2);
     EXPECT_LT(after, before * 0.5) << before << " -> " << after;
     for (float w : net->w2[0]) EXPECT_TRUE(w >= HIDDEN_W_MIN && w <= HIDDEN_W_MAX);
+
+    // A full-strength anchor holds every shared row (those of both threads, touched by
+    // the batch or not) where the run started it, while the rest of the net learns on.
+    c.shared_anchor = 1 / c.lr;
+    Trainer anchored(*net, c);
+    const std::vector<float> start = net->factor;
+    const auto w2_start = std::make_unique<FloatNet>(*net);
+    for (int step = 0; step < 5; ++step) {
+        batch.clear();
+        for (int i = 0; i < 512; ++i) batch.push_back(&records[size_t(rng.below(int(records.size())))]);
+        anchored.step(batch.data(), int(batch.size()));
+        EXPECT_EQ(net->factor, start) << "step " << step;
+    }
+    EXPECT_NE(std::memcmp(net->w2, w2_start->w2, sizeof net->w2), 0);
 }
 
 // The export saturates instead of wrapping, keeps every first-layer sum inside i16, and

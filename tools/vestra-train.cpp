@@ -22,6 +22,8 @@
 //     --no-qat          train the dense layers without their image rounding
 //     --row-lr X        rate of the king-relative rows against the shared ones (default 0.1)
 //     --shared-lr X     rate of the shared rows against the base rate (default 1)
+//     --shared-anchor X pull the shared rows back towards their start, X times their
+//                       rate a step (default 0, none)
 //     --max N           use at most N records of each file
 //     --mirror          show records without castling rights mirrored half the time
 //     --held-out FILE   a data file held out whole, in place of the tails of the others
@@ -100,7 +102,7 @@ void usage() {
                  "usage: vestra-train --out PREFIX [--epochs N] [--batch N] [--lr X] [--lr-decay X] [--lr-end X]\n"
                  "                    [--lambda X] [--scale X] [--val X] [--threads N] [--seed N] [--init FILE]\n"
                  "                    [--resume] [--dither] [--no-qat] [--row-lr X] [--shared-lr X] [--max N]\n"
-                 "                    [--mirror] [--score-scale X] [--held-out FILE] DATA_FILE...\n");
+                 "                    [--shared-anchor X] [--mirror] [--score-scale X] [--held-out FILE] DATA_FILE...\n");
 }
 
 }  // namespace
@@ -141,6 +143,7 @@ int main(int argc, char** argv) {
         else if (a == "--no-qat") config.quantise_aware = false;
         else if (a == "--row-lr" && has) config.row_lr_factor = std::strtof(argv[++i], nullptr);
         else if (a == "--shared-lr" && has) config.shared_lr_factor = std::strtof(argv[++i], nullptr);
+        else if (a == "--shared-anchor" && has) config.shared_anchor = std::max(0.0f, std::strtof(argv[++i], nullptr));
         else if (a == "--mirror") config.mirror = true;
         else if (a == "--max" && has) max_per_file = std::strtoull(argv[++i], nullptr, 10);
         else if (a == "--score-scale" && has) score_scale = std::strtof(argv[++i], nullptr);

@@ -19,6 +19,12 @@ struct TrainConfig {
     // memorise positions that the 640 shared rows ought to explain.
     float row_lr_factor = 0.1f;
     float shared_lr_factor = 1;  // of the shared rows (0 with --row-lr 0 freezes the first layer)
+    // Pull of the shared rows back to where the run started them, per unit of their rate.
+    // From an image on the grid, a shared value then settles at (its mean normalised
+    // step) / shared_anchor away from the start, and crosses the half step that changes
+    // the image only where that mean exceeds shared_anchor / 32: only pushes that keep
+    // their sign, not the random walk of a noisy gradient, reach the image.
+    float shared_anchor = 0;
     int threads = 2;
     // Quantisation-aware: the dense layers are evaluated with their image values and the
     // activations rounded to the integer pass's 1/8 steps (straight-through gradients).
@@ -127,6 +133,7 @@ struct Trainer {
     TrainConfig config;
     std::vector<float> grad1, gradf;        // first-layer gradients, zero outside touched rows
     std::vector<u8> touched1, touchedf;
+    std::vector<float> factor_start;        // shared rows at the first step (with shared_anchor)
     std::vector<RecordFeatures> features;   // of the batch
     std::vector<float> targets;
     std::vector<float> dacc;                // batch x 512
@@ -188,6 +195,7 @@ struct Trainer {
         if (total.samples == 0) return 0;
         const float inv = 1.0f / float(total.samples);
 
+        if (config.shared_anchor > 0 && factor_start.empty()) factor_start = net.factor;
         ++adam.step;
         AdamStep a{config.lr, 1 - std::pow(AdamStep::beta1, float(adam.step)),
                    1 - std::pow(AdamStep::beta2, float(adam.step))};
@@ -229,6 +237,15 @@ struct Trainer {
             update(grad1, touched1, net.w1.data(), adam.m1.data(), adam.v1.data(), rows, config.row_lr_factor);
             update(gradf, touchedf, net.factor.data(), adam.mf.data(), adam.vf.data(), shared_rows,
                    config.shared_lr_factor);
+            if (config.shared_anchor > 0) {
+                // Every shared row this thread owns, touched or not.
+                const float keep = 1 - std::min(1.0f, config.lr * config.shared_lr_factor * config.shared_anchor);
+                for (int r = t; r < FACTOR_ROWS; r += threads) {
+                    float* w = &net.factor[size_t(r) * NET_HALF];
+                    const float* s0 = &factor_start[size_t(r) * NET_HALF];
+                    for (int i = 0; i < NET_HALF; ++i) w[i] = s0[i] + keep * (w[i] - s0[i]);
+                }
+            }
         };
         run_threads(threads, sparse);
 

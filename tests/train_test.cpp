@@ -354,33 +354,42 @@ TEST(TrainNet, QuantisedImageStaysInRange) {
 // Self-play games from random openings: with --balance the openings that the search
 // finds lopsided are turned away, without it a good share of games begins a pawn or
 // more from level. The first record of a game at the opening's own ply is the
-// opening position (or the one after it), scored by the game's first search.
+// opening position (or the one after it), scored by the game's first search. With
+// --sample only about one position in K is recorded, so a game leaves a fraction of
+// the records.
 TEST(TrainData, DatagenBalanceTurnsAwayLopsidedOpenings) {
     const std::string dir = ::testing::TempDir() + "vestra_datagen_" + std::to_string(getpid());
-    auto lopsided_share = [&](const std::string& name, const std::string& extra) {
+    struct Games {
+        double lopsided_share, records_per_game;
+    };
+    auto play = [&](const std::string& name, const std::string& extra) {
         const std::string out = dir + "_" + name;
-        const std::string cmd = std::string(VESTRA_TOOLS_DIR "/vestra-datagen --out ") + out +
-                                " --positions 6000 --depth 3 --seed 7 " + extra + " >/dev/null 2>&1";
+        const std::string cmd = std::string(VESTRA_TOOLS_DIR "/vestra-datagen --out ") + out + " --depth 3 --seed 7 " +
+                                extra + " >/dev/null 2>&1";
         EXPECT_EQ(std::system(cmd.c_str()), 0) << cmd;
         std::vector<TrainRecord> records;
         EXPECT_TRUE(records_load((out + "/part-0.bin").c_str(), &records));
         std::remove((out + "/part-0.bin").c_str());
         rmdir(out.c_str());
-        int openings = 0, lopsided = 0, prev_ply = 256;
+        int openings = 0, lopsided = 0, games = 0, prev_ply = 256;
         for (const TrainRecord& r : records) {
+            games += r.ply < prev_ply;
             if (r.ply < prev_ply && r.ply <= 8) {
                 ++openings;
                 lopsided += std::abs(r.score) > 160;
             }
             prev_ply = r.ply;
         }
-        EXPECT_GE(openings, 15) << name;
-        return openings ? double(lopsided) / openings : 1.0;
+        EXPECT_GE(games, 15) << name;
+        return Games{openings ? double(lopsided) / openings : 1.0, games ? double(records.size()) / games : 0.0};
     };
-    const double free_share = lopsided_share("free", "");
-    const double balanced_share = lopsided_share("balanced", "--balance 80");
-    EXPECT_GT(free_share, 0.1);
-    EXPECT_LT(balanced_share, 0.05);
+    const Games free = play("free", "--positions 6000");
+    const Games balanced = play("balanced", "--positions 6000 --balance 80");
+    EXPECT_GT(free.lopsided_share, 0.1);
+    EXPECT_LT(balanced.lopsided_share, 0.05);
+    const Games sampled = play("sampled", "--positions 1500 --sample 6 --play-depth 2");
+    EXPECT_LT(sampled.records_per_game, free.records_per_game / 3)
+        << sampled.records_per_game << " against " << free.records_per_game;
 }
 
 // The backward pass against central differences of the loss, on the float net (no

@@ -11,6 +11,10 @@
 //     --cap X            record only positions with |score| below X (default 3000)
 //     --balance X        play only openings whose searched score is within X of level
 //                        (default 0: every opening)
+//     --sample K         search and record about one position in K at --depth, chosen at
+//                        random; the other moves are played by a --play-depth search and
+//                        not recorded (default 1: every position)
+//     --play-depth D     depth of the unrecorded moves with --sample (default 6)
 //
 // Each worker w owns DIR/part-<w>.bin and plays until that file holds N / W records.
 // A rerun with the same arguments continues where the parts stand: the files only grow
@@ -54,6 +58,13 @@ struct Options {
     u64 seed = 1;
     int cap = 3000;
     int balance = 0;
+    // The records of one game are much alike, and what a net learns from them beyond a
+    // few is that game: the same number of records from eight times the games trained
+    // the dense layers as well as all of them, and the first layer without learning the
+    // games by heart (tools/TRAINING.md, 23w). Games whose unrecorded moves come from a
+    // shallow search cost a fraction of the nodes.
+    int sample = 1;
+    int play_depth = 6;
 };
 
 // Adjudication. Scores are internal units (160 to a pawn with the first network).
@@ -173,15 +184,18 @@ int play_game(const Options& o, Rng& rng, const std::vector<std::string>& openin
                 break;
             }
         }
+        // No draw from the generator without sampling, so that the games of earlier
+        // generations stay what their seeds made.
+        const bool labelled = o.sample <= 1 || rng.below(o.sample) == 0;
         u32 best = 0;
-        const i32 score = search_fixed_depth(t, o.depth, &best);
+        const i32 score = search_fixed_depth(t, labelled ? o.depth : o.play_depth, &best);
         *nodes += t->nodes.load(std::memory_order_relaxed);
         if (!best) {
             if (pos->flags & POS_IN_CHECK) white_result = 1 - white;
             break;
         }
         const bool quiet = !(best & (MOVE_IS_CAPTURE | MOVE_IS_PROMOTION));
-        if (!(pos->flags & POS_IN_CHECK) && quiet && score > -o.cap && score < o.cap)
+        if (labelled && !(pos->flags & POS_IN_CHECK) && quiet && score > -o.cap && score < o.cap)
             game.push_back(record_from_position(pos, score, RESULT_DRAW, opening_plies + ply));
 
         // Adjudication by the search's own verdict, from White's view.
@@ -271,7 +285,7 @@ void usage() {
     std::fprintf(stderr,
                  "usage: vestra-datagen --out DIR --positions N [--workers W] [--depth D] [--hash MB]\n"
                  "                      [--random-plies R] [--openings FILE] [--seed S] [--cap X]\n"
-                 "                      [--balance X]\n");
+                 "                      [--balance X] [--sample K] [--play-depth D]\n");
 }
 
 }  // namespace
@@ -291,6 +305,8 @@ int main(int argc, char** argv) {
         else if (a == "--seed" && has) o.seed = std::strtoull(argv[++i], nullptr, 10);
         else if (a == "--cap" && has) o.cap = std::clamp(std::atoi(argv[++i]), 1, 30000);
         else if (a == "--balance" && has) o.balance = std::clamp(std::atoi(argv[++i]), 0, 30000);
+        else if (a == "--sample" && has) o.sample = std::clamp(std::atoi(argv[++i]), 1, 1000);
+        else if (a == "--play-depth" && has) o.play_depth = std::clamp(std::atoi(argv[++i]), 1, 60);
         else {
             usage();
             return 2;

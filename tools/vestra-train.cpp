@@ -32,6 +32,10 @@
 //     --score-scale X   multiply the search scores of the data files after it by X (until
 //                       the next --score-scale), to train records played at another
 //                       evaluation scale alongside the net's own
+//     --every K         train on every Kth record of the data files after it (until the
+//                       next --every; the held-out tail is cut first and kept whole), so
+//                       that a generation that recorded every move weighs in by its
+//                       games rather than its records
 //
 // Writes PREFIX.ckpt and PREFIX.nnue after every epoch (through a temporary file, so an
 // interruption leaves the last complete epoch behind), and PREFIX-best.ckpt/.nnue after
@@ -102,7 +106,8 @@ void usage() {
                  "usage: vestra-train --out PREFIX [--epochs N] [--batch N] [--lr X] [--lr-decay X] [--lr-end X]\n"
                  "                    [--lambda X] [--scale X] [--val X] [--threads N] [--seed N] [--init FILE]\n"
                  "                    [--resume] [--dither] [--no-qat] [--row-lr X] [--shared-lr X] [--max N]\n"
-                 "                    [--shared-anchor X] [--mirror] [--score-scale X] [--held-out FILE] DATA_FILE...\n");
+                 "                    [--shared-anchor X] [--mirror] [--score-scale X] [--every K]\n"
+                 "                    [--held-out FILE] DATA_FILE...\n");
 }
 
 }  // namespace
@@ -117,10 +122,12 @@ int main(int argc, char** argv) {
     bool resume = false, dither = false;
     size_t max_per_file = SIZE_MAX;
     float score_scale = 1;
+    int every = 1;
     struct DataFile {
         std::string path;
         float score_scale;
         bool held_out;
+        int every;
     };
     std::vector<DataFile> files;
     for (int i = 1; i < argc; ++i) {
@@ -147,8 +154,9 @@ int main(int argc, char** argv) {
         else if (a == "--mirror") config.mirror = true;
         else if (a == "--max" && has) max_per_file = std::strtoull(argv[++i], nullptr, 10);
         else if (a == "--score-scale" && has) score_scale = std::strtof(argv[++i], nullptr);
-        else if (a == "--held-out" && has) files.push_back({argv[++i], score_scale, true});
-        else if (!a.empty() && a[0] != '-') files.push_back({a, score_scale, false});
+        else if (a == "--every" && has) every = std::max(1, std::atoi(argv[++i]));
+        else if (a == "--held-out" && has) files.push_back({argv[++i], score_scale, true, 1});
+        else if (!a.empty() && a[0] != '-') files.push_back({a, score_scale, false, every});
         else {
             usage();
             return 2;
@@ -172,7 +180,7 @@ int main(int argc, char** argv) {
         if (part.size() > max_per_file) part.resize(max_per_file);
         if (file.score_scale != 1) records_scale_scores(&part, file.score_scale);
         const size_t held = file.held_out ? part.size() : whole_files ? 0 : size_t(double(part.size()) * val_share);
-        train.insert(train.end(), part.begin(), part.end() - long(held));
+        for (size_t i = 0; i + held < part.size(); i += size_t(file.every)) train.push_back(part[i]);
         valid.insert(valid.end(), part.end() - long(held), part.end());
     }
     std::printf("records: %zu training, %zu validation, from %zu files\n", train.size(), valid.size(), files.size());

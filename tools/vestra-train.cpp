@@ -23,7 +23,8 @@
 //     --row-lr X        rate of the king-relative rows against the shared ones (default 0.1)
 //     --shared-lr X     rate of the shared rows against the base rate (default 1)
 //     --shared-anchor X pull the shared rows back towards their start, X times their
-//                       rate a step (default 0, none)
+//                       rate a step (default 0, none); a resumed run's start is where
+//                       it resumes
 //     --max N           use at most N records of each file
 //     --mirror          show records without castling rights mirrored half the time
 //     --held-out FILE   a data file held out whole, in place of the tails of the others

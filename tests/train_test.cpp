@@ -285,17 +285,20 @@ TEST(TrainNet, TrainingLowersTheLoss) {
     EXPECT_LT(after, before * 0.5) << before << " -> " << after;
     for (float w : net->w2[0]) EXPECT_TRUE(w >= HIDDEN_W_MIN && w <= HIDDEN_W_MAX);
 
-    // A full-strength anchor holds every shared row (those of both threads, touched by
-    // the batch or not) where the run started it, while the rest of the net learns on.
+    // Full-strength anchors hold every shared and king-relative row (those of both
+    // threads, touched by the batch or not) where the run started them, while the rest
+    // of the net learns on.
     c.shared_anchor = 1 / c.lr;
+    c.row_anchor = 1 / (c.lr * c.row_lr_factor);
     Trainer anchored(*net, c);
-    const std::vector<float> start = net->factor;
+    const std::vector<float> start = net->factor, rows_start = net->w1;
     const std::vector<float> w2_start(&net->w2[0][0], &net->w2[0][0] + NET_HIDDEN1 * NET_INPUTS);
     for (int step = 0; step < 5; ++step) {
         batch.clear();
         for (int i = 0; i < 512; ++i) batch.push_back(&records[size_t(rng.below(int(records.size())))]);
         anchored.step(batch.data(), int(batch.size()));
         EXPECT_EQ(net->factor, start) << "step " << step;
+        EXPECT_TRUE(net->w1 == rows_start) << "step " << step;
     }
     EXPECT_FALSE(std::equal(w2_start.begin(), w2_start.end(), &net->w2[0][0]));
 }

@@ -25,6 +25,7 @@
 //     --shared-anchor X pull the shared rows back towards their start, X times their
 //                       rate a step (default 0, none); a resumed run's start is where
 //                       it resumes
+//     --row-anchor X    the same pull for the king-relative rows, X times their rate
 //     --max N           use at most N records of each file
 //     --mirror          show records without castling rights mirrored half the time
 //     --held-out FILE   a data file held out whole, in place of the tails of the others
@@ -107,7 +108,8 @@ void usage() {
                  "usage: vestra-train --out PREFIX [--epochs N] [--batch N] [--lr X] [--lr-decay X] [--lr-end X]\n"
                  "                    [--lambda X] [--scale X] [--val X] [--threads N] [--seed N] [--init FILE]\n"
                  "                    [--resume] [--dither] [--no-qat] [--row-lr X] [--shared-lr X] [--max N]\n"
-                 "                    [--shared-anchor X] [--mirror] [--score-scale X] [--every K]\n"
+                 "                    [--shared-anchor X] [--row-anchor X] [--mirror] [--score-scale X]\n"
+                 "                    [--every K]\n"
                  "                    [--held-out FILE] DATA_FILE...\n");
 }
 
@@ -152,6 +154,7 @@ int main(int argc, char** argv) {
         else if (a == "--row-lr" && has) config.row_lr_factor = std::strtof(argv[++i], nullptr);
         else if (a == "--shared-lr" && has) config.shared_lr_factor = std::strtof(argv[++i], nullptr);
         else if (a == "--shared-anchor" && has) config.shared_anchor = std::max(0.0f, std::strtof(argv[++i], nullptr));
+        else if (a == "--row-anchor" && has) config.row_anchor = std::max(0.0f, std::strtof(argv[++i], nullptr));
         else if (a == "--mirror") config.mirror = true;
         else if (a == "--max" && has) max_per_file = std::strtoull(argv[++i], nullptr, 10);
         else if (a == "--score-scale" && has) score_scale = std::strtof(argv[++i], nullptr);

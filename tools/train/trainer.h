@@ -25,6 +25,10 @@ struct TrainConfig {
     // the image only where that mean exceeds shared_anchor / 32: only pushes that keep
     // their sign, not the random walk of a noisy gradient, reach the image.
     float shared_anchor = 0;
+    // The same pull for the king-relative rows, per unit of their rate. Every row feels it
+    // at every step, touched or not, so a row that few records reach stays near its start
+    // and only the rows of common king squares, pushed the same way step after step, move.
+    float row_anchor = 0;
     int threads = 2;
     // Quantisation-aware: the dense layers are evaluated with their image values and the
     // activations rounded to the integer pass's 1/8 steps (straight-through gradients).
@@ -134,6 +138,7 @@ struct Trainer {
     std::vector<float> grad1, gradf;        // first-layer gradients, zero outside touched rows
     std::vector<u8> touched1, touchedf;
     std::vector<float> factor_start;        // shared rows at the first step (with shared_anchor)
+    std::vector<float> rows_start;          // king-relative rows at the first step (with row_anchor)
     std::vector<RecordFeatures> features;   // of the batch
     std::vector<float> targets;
     std::vector<float> dacc;                // batch x 512
@@ -196,6 +201,7 @@ struct Trainer {
         const float inv = 1.0f / float(total.samples);
 
         if (config.shared_anchor > 0 && factor_start.empty()) factor_start = net.factor;
+        if (config.row_anchor > 0 && rows_start.empty()) rows_start = net.w1;
         ++adam.step;
         AdamStep a{config.lr, 1 - std::pow(AdamStep::beta1, float(adam.step)),
                    1 - std::pow(AdamStep::beta2, float(adam.step))};
@@ -237,15 +243,19 @@ struct Trainer {
             update(grad1, touched1, net.w1.data(), adam.m1.data(), adam.v1.data(), rows, config.row_lr_factor);
             update(gradf, touchedf, net.factor.data(), adam.mf.data(), adam.vf.data(), shared_rows,
                    config.shared_lr_factor);
-            if (config.shared_anchor > 0) {
-                // Every shared row this thread owns, touched or not.
-                const float keep = 1 - std::min(1.0f, config.lr * config.shared_lr_factor * config.shared_anchor);
-                for (int r = t; r < FACTOR_ROWS; r += threads) {
-                    float* w = &net.factor[size_t(r) * NET_HALF];
-                    const float* s0 = &factor_start[size_t(r) * NET_HALF];
+            // Every anchored row this thread owns, touched or not.
+            auto anchor = [&](float* weights, const std::vector<float>& start, int count_rows, float pull) {
+                const float keep = 1 - std::min(1.0f, config.lr * pull);
+                for (int r = t; r < count_rows; r += threads) {
+                    float* w = weights + size_t(r) * NET_HALF;
+                    const float* s0 = &start[size_t(r) * NET_HALF];
                     for (int i = 0; i < NET_HALF; ++i) w[i] = s0[i] + keep * (w[i] - s0[i]);
                 }
-            }
+            };
+            if (config.shared_anchor > 0)
+                anchor(net.factor.data(), factor_start, FACTOR_ROWS, config.shared_lr_factor * config.shared_anchor);
+            if (config.row_anchor > 0)
+                anchor(net.w1.data(), rows_start, int(net.w1.size() / NET_HALF), config.row_lr_factor * config.row_anchor);
         };
         run_threads(threads, sparse);
 

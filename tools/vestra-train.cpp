@@ -109,8 +109,7 @@ void usage() {
                  "                    [--lambda X] [--scale X] [--val X] [--threads N] [--seed N] [--init FILE]\n"
                  "                    [--resume] [--dither] [--no-qat] [--row-lr X] [--shared-lr X] [--max N]\n"
                  "                    [--shared-anchor X] [--row-anchor X] [--mirror] [--score-scale X]\n"
-                 "                    [--every K]\n"
-                 "                    [--held-out FILE] DATA_FILE...\n");
+                 "                    [--every K] [--held-out FILE] DATA_FILE...\n");
 }
 
 }  // namespace

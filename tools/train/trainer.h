@@ -255,7 +255,7 @@ struct Trainer {
             if (config.shared_anchor > 0)
                 anchor(net.factor.data(), factor_start, FACTOR_ROWS, config.shared_lr_factor * config.shared_anchor);
             if (config.row_anchor > 0)
-                anchor(net.w1.data(), rows_start, int(net.w1.size() / NET_HALF), config.row_lr_factor * config.row_anchor);
+                anchor(net.w1.data(), rows_start, NET_ROWS, config.row_lr_factor * config.row_anchor);
         };
         run_threads(threads, sparse);
 

@@ -1,0 +1,54 @@
+#!/usr/bin/env bash
+# Pilots a generation's records as they stand, while self-play may still be adding to
+# them: each part is cut into its first 95 % and its last 5 % (whole records), two
+# candidates are trained side by side on the heads from PARENT at idle priority, and
+# the parent and both are scored on the tails, games that none of them has seen.
+#
+#   tools/pilot.sh GEN PARENT OUT_DIR [EPOCHS]
+#
+#   F    the dense layers only, the first layer frozen
+#   RK4  both kinds of first-layer row as well, each held near PARENT by an anchor
+#
+# Both at the chain's scale (`--scale 204`, scores times 0.94 to hold the drift; see
+# tools/TRAINING.md, *Evaluation scale*) with three tenths of game result. Prints each
+# one's held-out losses, the SHA-256 of its best image, how much of the first layer
+# moved and how large its evaluations are against PARENT's.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+. "$root/tools/work-dir.sh"
+[ $# -ge 3 ] || { sed -n '2,15p' "$0"; exit 2; }
+gen=$1 parent=$(realpath "$2") out=$3 epochs=${4:-2}
+bin=$root/build/tools
+mkdir -p "$out"
+
+heads=() held=()
+for part in "$work/gen$gen"/data/part-*.bin; do
+  p=$(basename "$part" .bin)
+  n=$(($(stat -c %s "$part") / 32))
+  h=$((n * 95 / 100))
+  head -c $((h * 32)) "$part" > "$out/head-$p.bin"
+  tail -c +$((h * 32 + 1)) "$part" | head -c $(((n - h) * 32)) > "$out/tail-$p.bin"
+  heads+=("$out/head-$p.bin")
+  held+=(--held-out "$out/tail-$p.bin")
+  echo "$p: $h records for training, $((n - h)) held out"
+done
+
+common=(--init "$parent" --scale 204 --lambda 0.7 --batch 4096 --threads 1 --lr 0.0005 --lr-end 0
+        --epochs "$epochs" --score-scale 0.94)
+"$root/tools/idle.sh" "$bin/vestra-train" --out "$out/F" "${common[@]}" --row-lr 0 --shared-lr 0 \
+  "${heads[@]}" "${held[@]}" > "$out/F.log" 2>&1 &
+"$root/tools/idle.sh" "$bin/vestra-train" --out "$out/RK4" "${common[@]}" --row-lr 1 --shared-lr 1 \
+  --row-anchor 4 --shared-anchor 4 "${heads[@]}" "${held[@]}" > "$out/RK4.log" 2>&1 &
+wait
+
+echo "held-out loss on the tails: $(grep -m1 'at start' "$out/F.log" | awk '{print $NF}') for the parent"
+for run in F RK4; do
+  losses=$(awk '/^epoch [0-9]+ +lr/ {for (i = 1; i < NF; ++i) if ($i == "quantised") print $(i + 1)}' \
+    "$out/$run.log" | paste -sd' ')
+  image=$out/$run-best.nnue
+  moved=$("$bin/vestra-net" --net "$parent" --diff "$image" | awk '/^(feature|castling)_/ {n += $4} END {print n + 0}')
+  ratio=$("$bin/vestra-net" --net "$parent" --ratio "$image" "$out/tail-part-0.bin" |
+    sed -n 's/.*evaluations are \([0-9.]*\) times.*/\1/p')
+  echo "$run: quantised held-out loss by epoch $losses; best image $(sha256sum "$image" | cut -c1-12);" \
+    "first-layer values moved $moved; evaluations $ratio times the parent's"
+done

@@ -37,9 +37,13 @@ common=(--init "$parent" --scale 204 --lambda 0.7 --batch 4096 --threads 1 --lr 
         --epochs "$epochs" --score-scale 0.94)
 "$root/tools/idle.sh" "$bin/vestra-train" --out "$out/F" "${common[@]}" --row-lr 0 --shared-lr 0 \
   "${heads[@]}" "${held[@]}" > "$out/F.log" 2>&1 &
+f_job=$!
 "$root/tools/idle.sh" "$bin/vestra-train" --out "$out/RK4" "${common[@]}" --row-lr 1 --shared-lr 1 \
   --row-anchor 4 --shared-anchor 4 "${heads[@]}" "${held[@]}" > "$out/RK4.log" 2>&1 &
-wait
+# Waiting on each job by name hands a failed training's status to set -e, instead of
+# going on to score images that were never written.
+wait $f_job || { echo "F failed: $out/F.log"; exit 1; }
+wait $! || { echo "RK4 failed: $out/RK4.log"; exit 1; }
 
 echo "held-out loss on the tails: $(grep -m1 'at start' "$out/F.log" | awk '{print $NF}') for the parent"
 for run in F RK4; do

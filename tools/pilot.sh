@@ -1,15 +1,17 @@
 #!/usr/bin/env bash
 # Pilots a generation's records as they stand, while self-play may still be adding to
-# them: each part is cut into its first 95 % and its last 5 % (whole records), two
+# them: each part is cut into its first 95 % and its last 5 % (whole records), three
 # candidates are trained side by side on the heads from PARENT at idle priority, and
-# the parent and both are scored on the tails, games that none of them has seen.
+# the parent and each of them are scored on the tails, games that none has seen.
 #
 #   tools/pilot.sh GEN PARENT OUT_DIR [EPOCHS]
 #
 #   F    the dense layers only, the first layer frozen
 #   RK4  both kinds of first-layer row as well, each held near PARENT by an anchor
+#   RK4m RK4 with half the records mirrored across the d/e line, so that the rows see
+#        each king on both wings instead of learning the games' own king squares
 #
-# Both at the chain's scale (`--scale 204`, scores times 0.94 to hold the drift; see
+# All at the chain's scale (`--scale 204`, scores times 0.94 to hold the drift; see
 # tools/TRAINING.md, *Evaluation scale*) with three tenths of game result. Prints each
 # one's held-out losses, the SHA-256 of its best image, how much of the first layer
 # moved and how large its evaluations are against PARENT's.
@@ -35,18 +37,25 @@ done
 
 common=(--init "$parent" --scale 204 --lambda 0.7 --batch 4096 --threads 1 --lr 0.0005 --lr-end 0
         --epochs "$epochs" --score-scale 0.94)
-"$root/tools/idle.sh" "$bin/vestra-train" --out "$out/F" "${common[@]}" --row-lr 0 --shared-lr 0 \
-  "${heads[@]}" "${held[@]}" > "$out/F.log" 2>&1 &
-f_job=$!
-"$root/tools/idle.sh" "$bin/vestra-train" --out "$out/RK4" "${common[@]}" --row-lr 1 --shared-lr 1 \
-  --row-anchor 4 --shared-anchor 4 "${heads[@]}" "${held[@]}" > "$out/RK4.log" 2>&1 &
+rk=(--row-lr 1 --shared-lr 1 --row-anchor 4 --shared-anchor 4)
+train() {
+  local name=$1; shift
+  "$root/tools/idle.sh" "$bin/vestra-train" --out "$out/$name" "${common[@]}" "$@" \
+    "${heads[@]}" "${held[@]}" > "$out/$name.log" 2>&1 &
+  jobs_by_run[$name]=$!
+}
+declare -A jobs_by_run
+train F --row-lr 0 --shared-lr 0
+train RK4 "${rk[@]}"
+train RK4m "${rk[@]}" --mirror
 # Waiting on each job by name hands a failed training's status to set -e, instead of
 # going on to score images that were never written.
-wait $f_job || { echo "F failed: $out/F.log"; exit 1; }
-wait $! || { echo "RK4 failed: $out/RK4.log"; exit 1; }
+for run in F RK4 RK4m; do
+  wait "${jobs_by_run[$run]}" || { echo "$run failed: $out/$run.log"; exit 1; }
+done
 
 echo "held-out loss on the tails: $(grep -m1 'at start' "$out/F.log" | awk '{print $NF}') for the parent"
-for run in F RK4; do
+for run in F RK4 RK4m; do
   losses=$(awk '/^epoch [0-9]+ +lr/ {for (i = 1; i < NF; ++i) if ($i == "quantised") print $(i + 1)}' \
     "$out/$run.log" | paste -sd' ')
   image=$out/$run-best.nnue

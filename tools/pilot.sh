@@ -38,24 +38,24 @@ done
 common=(--init "$parent" --scale 204 --lambda 0.7 --batch 4096 --threads 1 --lr 0.0005 --lr-end 0
         --epochs "$epochs" --score-scale 0.94)
 rk=(--row-lr 1 --shared-lr 1 --row-anchor 4 --shared-anchor 4)
+runs=() pids=()
 train() {
   local name=$1; shift
   "$root/tools/idle.sh" "$bin/vestra-train" --out "$out/$name" "${common[@]}" "$@" \
     "${heads[@]}" "${held[@]}" > "$out/$name.log" 2>&1 &
-  jobs_by_run[$name]=$!
+  runs+=("$name") pids+=($!)
 }
-declare -A jobs_by_run
 train F --row-lr 0 --shared-lr 0
 train RK4 "${rk[@]}"
 train RK4m "${rk[@]}" --mirror
 # Waiting on each job by name hands a failed training's status to set -e, instead of
 # going on to score images that were never written.
-for run in F RK4 RK4m; do
-  wait "${jobs_by_run[$run]}" || { echo "$run failed: $out/$run.log"; exit 1; }
+for i in "${!runs[@]}"; do
+  wait "${pids[i]}" || { echo "${runs[i]} failed: $out/${runs[i]}.log"; exit 1; }
 done
 
 echo "held-out loss on the tails: $(grep -m1 'at start' "$out/F.log" | awk '{print $NF}') for the parent"
-for run in F RK4 RK4m; do
+for run in "${runs[@]}"; do
   losses=$(awk '/^epoch [0-9]+ +lr/ {for (i = 1; i < NF; ++i) if ($i == "quantised") print $(i + 1)}' \
     "$out/$run.log" | paste -sd' ')
   image=$out/$run-best.nnue

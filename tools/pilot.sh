@@ -48,7 +48,7 @@ train() {
 train F --row-lr 0 --shared-lr 0
 train RK4 "${rk[@]}"
 train RK4m "${rk[@]}" --mirror
-# Waiting on each job by name hands a failed training's status to set -e, instead of
+# Waiting on each job by its own pid hands a failed training's status to set -e, instead of
 # going on to score images that were never written.
 for i in "${!runs[@]}"; do
   wait "${pids[i]}" || { echo "${runs[i]} failed: $out/${runs[i]}.log"; exit 1; }

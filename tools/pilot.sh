@@ -4,7 +4,11 @@
 # candidates are trained side by side on the heads from PARENT at idle priority, and
 # the parent and each of them are scored on the tails, games that none has seen.
 #
-#   tools/pilot.sh GEN PARENT OUT_DIR [EPOCHS]
+#   tools/pilot.sh [--seed N] GEN PARENT OUT_DIR [EPOCHS]
+#
+# The cut is made once: when OUT_DIR already holds heads and tails they are trained and
+# scored on again, so that `--seed 2` (runs named Fs2, RK4s2, RK4ms2) repeats the three on
+# the same games while the generation grows. A recipe is judged on two seeds at least.
 #
 #   F    the dense layers only, the first layer frozen
 #   RK4  both kinds of first-layer row as well, each held near PARENT by an anchor
@@ -18,29 +22,44 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 . "$root/tools/work-dir.sh"
-[ $# -ge 3 ] || { sed -n '2,15p' "$0"; exit 2; }
+seed=1
+if [ "${1:-}" = --seed ]; then seed=${2:?--seed needs a number}; shift 2; fi
+[ $# -ge 3 ] || { sed -n '2,20p' "$0"; exit 2; }
 gen=$1 parent=$(realpath "$2") out=$3 epochs=${4:-2}
 bin=$root/build/tools
+suffix=
+[ "$seed" = 1 ] || suffix=s$seed
 mkdir -p "$out"
 
 heads=() held=()
-for part in "$work/gen$gen"/data/part-*.bin; do
-  p=$(basename "$part" .bin)
-  n=$(($(stat -c %s "$part") / 32))
-  h=$((n * 95 / 100))
-  head -c $((h * 32)) "$part" > "$out/head-$p.bin"
-  tail -c +$((h * 32 + 1)) "$part" | head -c $(((n - h) * 32)) > "$out/tail-$p.bin"
-  heads+=("$out/head-$p.bin")
-  held+=(--held-out "$out/tail-$p.bin")
-  echo "$p: $h records for training, $((n - h)) held out"
-done
+if compgen -G "$out/head-part-*.bin" > /dev/null; then
+  for h in "$out"/head-part-*.bin; do
+    t=$out/tail-${h#"$out/head-"}
+    [ -f "$t" ] || { echo "$h has no tail $t"; exit 1; }
+    heads+=("$h")
+    held+=(--held-out "$t")
+    echo "$(basename "$h" .bin): $(($(stat -c %s "$h") / 32)) records for training," \
+      "$(($(stat -c %s "$t") / 32)) held out (cut earlier)"
+  done
+else
+  for part in "$work/gen$gen"/data/part-*.bin; do
+    p=$(basename "$part" .bin)
+    n=$(($(stat -c %s "$part") / 32))
+    h=$((n * 95 / 100))
+    head -c $((h * 32)) "$part" > "$out/head-$p.bin"
+    tail -c +$((h * 32 + 1)) "$part" | head -c $(((n - h) * 32)) > "$out/tail-$p.bin"
+    heads+=("$out/head-$p.bin")
+    held+=(--held-out "$out/tail-$p.bin")
+    echo "$p: $h records for training, $((n - h)) held out"
+  done
+fi
 
 common=(--init "$parent" --scale 204 --lambda 0.7 --batch 4096 --threads 1 --lr 0.0005 --lr-end 0
-        --epochs "$epochs" --score-scale 0.94)
+        --epochs "$epochs" --score-scale 0.94 --seed "$seed")
 rk=(--row-lr 1 --shared-lr 1 --row-anchor 4 --shared-anchor 4)
 runs=() pids=()
 train() {
-  local name=$1; shift
+  local name=$1$suffix; shift
   "$root/tools/idle.sh" "$bin/vestra-train" --out "$out/$name" "${common[@]}" "$@" \
     "${heads[@]}" "${held[@]}" > "$out/$name.log" 2>&1 &
   runs+=("$name") pids+=($!)
@@ -54,7 +73,7 @@ for i in "${!runs[@]}"; do
   wait "${pids[i]}" || { echo "${runs[i]} failed: $out/${runs[i]}.log"; exit 1; }
 done
 
-echo "held-out loss on the tails: $(grep -m1 'at start' "$out/F.log" | awk '{print $NF}') for the parent"
+echo "held-out loss on the tails: $(grep -m1 'at start' "$out/F$suffix.log" | awk '{print $NF}') for the parent"
 for run in "${runs[@]}"; do
   losses=$(awk '/^epoch [0-9]+ +lr/ {for (i = 1; i < NF; ++i) if ($i == "quantised") print $(i + 1)}' \
     "$out/$run.log" | paste -sd' ')

@@ -31,28 +31,27 @@ suffix=
 [ "$seed" = 1 ] || suffix=s$seed
 mkdir -p "$out"
 
-heads=() held=()
-if compgen -G "$out/head-part-*.bin" > /dev/null; then
-  for h in "$out"/head-part-*.bin; do
-    t=$out/tail-${h#"$out/head-"}
-    [ -f "$t" ] || { echo "$h has no tail $t"; exit 1; }
-    heads+=("$h")
-    held+=(--held-out "$t")
-    echo "$(basename "$h" .bin): $(($(stat -c %s "$h") / 32)) records for training," \
-      "$(($(stat -c %s "$t") / 32)) held out (cut earlier)"
-  done
-else
+earlier=" (cut earlier)"
+if ! compgen -G "$out/head-part-*.bin" > /dev/null; then
+  earlier=
   for part in "$work/gen$gen"/data/part-*.bin; do
     p=$(basename "$part" .bin)
     n=$(($(stat -c %s "$part") / 32))
     h=$((n * 95 / 100))
     head -c $((h * 32)) "$part" > "$out/head-$p.bin"
     tail -c +$((h * 32 + 1)) "$part" | head -c $(((n - h) * 32)) > "$out/tail-$p.bin"
-    heads+=("$out/head-$p.bin")
-    held+=(--held-out "$out/tail-$p.bin")
-    echo "$p: $h records for training, $((n - h)) held out"
   done
 fi
+heads=() held=()
+for h in "$out"/head-part-*.bin; do
+  p=${h#"$out/head-"}
+  t=$out/tail-$p
+  [ -f "$t" ] || { echo "$h has no tail $t"; exit 1; }
+  heads+=("$h")
+  held+=(--held-out "$t")
+  echo "${p%.bin}: $(($(stat -c %s "$h") / 32)) records for training," \
+    "$(($(stat -c %s "$t") / 32)) held out$earlier"
+done
 
 common=(--init "$parent" --scale 204 --lambda 0.7 --batch 4096 --threads 1 --lr 0.0005 --lr-end 0
         --epochs "$epochs" --score-scale 0.94 --seed "$seed")

@@ -2,7 +2,8 @@
 // tools/TRAINING.md) and writes a resumable checkpoint and the quantised image.
 //
 //   vestra-train --out PREFIX [options] DATA_FILE...
-//     --epochs N        passes over the training records (default 10)
+//     --epochs N        passes over the training records (default 10); with 0 the start
+//                       net is scored on the held-out records and written as PREFIX.nnue
 //     --batch N         records per optimiser step (default 4096)
 //     --lr X            Adam rate (default 0.002), times --lr-decay after each epoch
 //     --lr-decay X      (default 0.85)
@@ -297,6 +298,16 @@ int main(int argc, char** argv) {
             std::printf("best so far: written to %s-best.nnue\n", out.c_str());
         }
         std::fflush(stdout);
+    }
+    if (first_epoch > epochs) {
+        // Nothing trained: the start net is only scored, and written as an image, which
+        // turns a checkpoint (an average of several, say) into a net the engine can load.
+        if (!save_image(image_path, net)) {
+            std::fprintf(stderr, "cannot write %s\n", image_path.c_str());
+            return 1;
+        }
+        std::printf("wrote %s\n", image_path.c_str());
+        return 0;
     }
     std::printf("wrote %s and %s\n", image_path.c_str(), ckpt.c_str());
     return 0;

@@ -40,16 +40,17 @@ earlier=" (cut earlier)"
 if ! compgen -G "$out/head-*.bin" > /dev/null; then
   earlier=
   IFS=+ read -ra gen_list <<< "$gens"
-  parts=()
-  for gen in "${gen_list[@]}"; do parts+=("$work/gen$gen"/data/part-*.bin); done
-  for part in "${parts[@]}"; do
+  for gen in "${gen_list[@]}"; do
     # A single generation keeps the names of the cuts made before several could be.
-    p=$(basename "$part" .bin)
-    [ ${#gen_list[@]} -eq 1 ] || p=g$(basename "$(dirname "$(dirname "$part")")" | tr -dc 0-9)-$p
-    n=$(($(stat -c %s "$part") / 32))
-    h=$((n * 95 / 100))
-    head -c $((h * 32)) "$part" > "$out/head-$p.bin"
-    tail -c +$((h * 32 + 1)) "$part" | head -c $(((n - h) * 32)) > "$out/tail-$p.bin"
+    prefix=
+    [ ${#gen_list[@]} -eq 1 ] || prefix=g$gen-
+    for part in "$work/gen$gen"/data/part-*.bin; do
+      p=$prefix$(basename "$part" .bin)
+      n=$(($(stat -c %s "$part") / 32))
+      h=$((n * 95 / 100))
+      head -c $((h * 32)) "$part" > "$out/head-$p.bin"
+      tail -c +$((h * 32 + 1)) "$part" | head -c $(((n - h) * 32)) > "$out/tail-$p.bin"
+    done
   done
 fi
 heads=() held=()
@@ -65,7 +66,7 @@ done
 
 common=(--init "$parent" --scale 204 --lambda 0.7 --batch 4096 --threads 1 --lr 0.0005 --lr-end 0
         --epochs "$epochs" --score-scale 0.94 --seed "$seed")
-rk=(--row-lr 1 --shared-lr 1)
+rk=(--row-lr 1 --shared-lr 1 --row-anchor 4 --shared-anchor 4)
 runs=() pids=()
 train() {
   local name=$1$suffix; shift
@@ -74,8 +75,8 @@ train() {
   runs+=("$name") pids+=($!)
 }
 train F --row-lr 0 --shared-lr 0
-train RK4 "${rk[@]}" --row-anchor 4 --shared-anchor 4
-train RK4L10 "${rk[@]}" --row-anchor 4 --shared-anchor 4 --lambda 1.0
+train RK4 "${rk[@]}"
+train RK4L10 "${rk[@]}" --lambda 1.0
 # Waiting on each job by its own pid hands a failed training's status to set -e, instead of
 # going on to score images that were never written.
 for i in "${!runs[@]}"; do

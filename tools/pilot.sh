@@ -7,7 +7,8 @@
 #   tools/pilot.sh [--seed N] GEN[+GEN...] PARENT OUT_DIR [EPOCHS]
 #
 # Several generations joined by + (26+27) are cut and trained on together, each of their
-# parts with a 5 % tail of its own.
+# parts with a 5 % tail of its own; every image is then scored on the newest generation's
+# tails alone as well, the games of the net that played it, where a gain counts most.
 #
 # The cut is made once: when OUT_DIR already holds heads and tails they are trained and
 # scored on again, so that `--seed 2` (runs named Fs2, RK4s2, RK4L10s2) repeats the three
@@ -36,10 +37,10 @@ suffix=
 [ "$seed" = 1 ] || suffix=s$seed
 mkdir -p "$out"
 
+IFS=+ read -ra gen_list <<< "$gens"
 earlier=" (cut earlier)"
 if ! compgen -G "$out/head-*.bin" > /dev/null; then
   earlier=
-  IFS=+ read -ra gen_list <<< "$gens"
   for gen in "${gen_list[@]}"; do
     # A single generation keeps the names of the cuts made before several could be.
     prefix=
@@ -84,13 +85,27 @@ for i in "${!runs[@]}"; do
 done
 
 first_tail=${held[1]}
-# score IMAGE LAMBDA: the image's quantised loss on the tails against that target.
+newest=()
+if [ ${#gen_list[@]} -gt 1 ]; then
+  for t in "$out/tail-g${gen_list[-1]}"-*.bin; do newest+=(--held-out "$t"); done
+fi
+# score IMAGE LAMBDA [TAIL_ARGS...]: the image's quantised loss against that target on
+# those tails (all of them by default).
 score() {
-  "$root/tools/idle.sh" "$bin/vestra-train" --out "$out/score" --init "$1" --scale 204 --lambda "$2" --threads 1 \
-    --epochs 0 --score-scale 0.94 "$first_tail" "${held[@]}" | sed -n 's/^validation loss at start: //p'
+  local image=$1 lambda=$2; shift 2
+  [ $# -gt 0 ] || set -- "${held[@]}"
+  "$root/tools/idle.sh" "$bin/vestra-train" --out "$out/score" --init "$image" --scale 204 --lambda "$lambda" \
+    --threads 1 --epochs 0 --score-scale 0.94 "$first_tail" "$@" | sed -n 's/^validation loss at start: //p'
+}
+# on_newest IMAGE: the same three losses on the newest generation's tails alone.
+on_newest() {
+  [ ${#newest[@]} -gt 0 ] || return 0
+  echo "  on generation ${gen_list[-1]}'s tails alone: against 0.7 $(score "$1" 0.7 "${newest[@]}")," \
+    "the scores alone $(score "$1" 1 "${newest[@]}"), the results alone $(score "$1" 0 "${newest[@]}")"
 }
 echo "held-out loss on the tails: $(grep -m1 'at start' "$out/F$suffix.log" | awk '{print $NF}') for the parent"
 echo "parent against the scores alone $(score "$parent" 1), the results alone $(score "$parent" 0)"
+on_newest "$parent"
 for run in "${runs[@]}"; do
   losses=$(awk '/^epoch [0-9]+ +lr/ {for (i = 1; i < NF; ++i) if ($i == "quantised") print $(i + 1)}' \
     "$out/$run.log" | paste -sd' ')
@@ -101,4 +116,5 @@ for run in "${runs[@]}"; do
   echo "$run: quantised held-out loss by epoch $losses; best image $(sha256sum "$image" | cut -c1-12);" \
     "against 0.7 $(score "$image" 0.7), the scores alone $(score "$image" 1), the results alone $(score "$image" 0);" \
     "first-layer values moved $moved; evaluations $ratio times the parent's"
+  on_newest "$image"
 done

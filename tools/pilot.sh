@@ -97,11 +97,17 @@ score() {
   "$root/tools/idle.sh" "$bin/vestra-train" --out "$out/score" --init "$image" --scale 204 --lambda "$lambda" \
     --threads 1 --epochs 0 --score-scale 0.94 "$first_tail" "$@" | sed -n 's/^validation loss at start: //p'
 }
-# on_newest IMAGE: the same three losses on the newest generation's tails alone.
+# three_losses IMAGE [TAIL_ARGS...]: its losses against 0.7, the scores alone and the results
+# alone, on those tails (all of them by default).
+three_losses() {
+  local image=$1; shift
+  echo "against 0.7 $(score "$image" 0.7 "$@"), the scores alone $(score "$image" 1 "$@")," \
+    "the results alone $(score "$image" 0 "$@")"
+}
+# on_newest IMAGE: the same three on the newest generation's tails alone.
 on_newest() {
   [ ${#newest[@]} -gt 0 ] || return 0
-  echo "  on generation ${gen_list[-1]}'s tails alone: against 0.7 $(score "$1" 0.7 "${newest[@]}")," \
-    "the scores alone $(score "$1" 1 "${newest[@]}"), the results alone $(score "$1" 0 "${newest[@]}")"
+  echo "  on generation ${gen_list[-1]}'s tails alone: $(three_losses "$1" "${newest[@]}")"
 }
 echo "held-out loss on the tails: $(grep -m1 'at start' "$out/F$suffix.log" | awk '{print $NF}') for the parent"
 echo "parent against the scores alone $(score "$parent" 1), the results alone $(score "$parent" 0)"
@@ -114,7 +120,7 @@ for run in "${runs[@]}"; do
   ratio=$("$bin/vestra-net" --net "$parent" --ratio "$image" "$first_tail" |
     sed -n 's/.*evaluations are \([0-9.]*\) times.*/\1/p')
   echo "$run: quantised held-out loss by epoch $losses; best image $(sha256sum "$image" | cut -c1-12);" \
-    "against 0.7 $(score "$image" 0.7), the scores alone $(score "$image" 1), the results alone $(score "$image" 0);" \
+    "$(three_losses "$image");" \
     "first-layer values moved $moved; evaluations $ratio times the parent's"
   on_newest "$image"
 done

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Pilots a generation's records as they stand, while self-play may still be adding to
-# them: each part is cut into its first 95 % and its last 5 % (whole records), three
+# them: each part is cut into its first 95 % and its last 5 % (whole records), four
 # candidates are trained side by side on the heads from PARENT at idle priority, and
 # the parent and each of them are scored on the tails, games that none has seen.
 #
@@ -11,13 +11,16 @@
 # tails alone as well, the games of the net that played it, where a gain counts most.
 #
 # The cut is made once: when OUT_DIR already holds heads and tails they are trained and
-# scored on again, so that `--seed 2` (runs named Fs2, RK4s2, RK4L10s2) repeats the three
-# on the same games while the generation grows. A recipe is judged on two seeds at least.
+# scored on again, so that `--seed 2` (runs named Fs2, RK4s2, RK4L10s2, RK4L85s2) repeats
+# the four on the same games while the generation grows. A recipe is judged on two seeds
+# at least.
 #
 #   F     the dense layers only, the first layer frozen
 #   RK4   both kinds of first-layer row as well, each held near PARENT by an anchor
 #   RK4L10  RK4 on the search scores alone: with three tenths of result, RK4's gain on
 #         generation 26 was nearly all in the outcomes of games played at depth 6
+#   RK4L85  RK4 with three twentieths of result, between the two: on generation 29's
+#         depth-12 scores it gained on the scores and the results at once
 #
 # All at the chain's scale (`--scale 204`, scores times 0.94 to hold the drift; see
 # tools/TRAINING.md, *Evaluation scale*), F and RK4 with three tenths of game result.
@@ -30,7 +33,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 . "$root/tools/work-dir.sh"
 seed=1
 if [ "${1:-}" = --seed ]; then seed=${2:?--seed needs a number}; shift 2; fi
-[ $# -ge 3 ] || { sed -n '2,26p' "$0"; exit 2; }
+[ $# -ge 3 ] || { sed -n '2,30p' "$0"; exit 2; }
 gens=$1 parent=$(realpath "$2") out=$3 epochs=${4:-2}
 bin=$root/build/tools
 suffix=
@@ -78,6 +81,7 @@ train() {
 train F --row-lr 0 --shared-lr 0
 train RK4 "${rk[@]}"
 train RK4L10 "${rk[@]}" --lambda 1.0
+train RK4L85 "${rk[@]}" --lambda 0.85
 # Waiting on each job by its own pid hands a failed training's status to set -e, instead of
 # going on to score images that were never written.
 for i in "${!runs[@]}"; do

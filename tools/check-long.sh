@@ -109,7 +109,7 @@ for part in "${parts[@]}"; do
       if ! build build; then verdict "match soak" 1 "build failed"; continue; fi
       tools/soak.sh -g "${MATCH_GAMES:-1000}" -e "$root/build/vestra" || failed=1 ;;
     *)
-      sed -n '2,17p' "$0"
+      sed -n '2,/^[^#]/{/^#/p}' "$0"
       exit 2 ;;
   esac
 done

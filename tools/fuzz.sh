@@ -9,7 +9,7 @@ set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 seconds=60 build=$root/build-fuzz
 while getopts "t:b:" opt; do
-  case $opt in t) seconds=$OPTARG ;; b) build=$OPTARG ;; *) sed -n '2,8p' "$0"; exit 2 ;; esac
+  case $opt in t) seconds=$OPTARG ;; b) build=$OPTARG ;; *) sed -n '2,/^[^#]/{/^#/p}' "$0"; exit 2 ;; esac
 done
 shift $((OPTIND - 1))
 targets=("$@")

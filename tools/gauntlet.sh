@@ -23,7 +23,7 @@ games=200 piece=50 tc=10+0.1 conc=2
 while getopts "g:n:t:c:" opt; do
   case $opt in
     g) games=$OPTARG ;; n) piece=$OPTARG ;; t) tc=$OPTARG ;; c) conc=$OPTARG ;;
-    *) sed -n '2,19p' "$0"; exit 2 ;;
+    *) sed -n '2,/^[^#]/{/^#/p}' "$0"; exit 2 ;;
   esac
 done
 shift $((OPTIND - 1))

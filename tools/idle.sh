@@ -9,7 +9,7 @@
 # cores from a match's engines. The command gets a session of its own whose group is
 # set to nice 19, and SCHED_IDLE within it; the exit status is the command's.
 set -euo pipefail
-[ $# -gt 0 ] || { sed -n '2,10p' "$0"; exit 2; }
+[ $# -gt 0 ] || { sed -n '2,/^[^#]/{/^#/p}' "$0"; exit 2; }
 exec setsid --wait bash -c '
   echo 19 > /proc/self/autogroup 2>/dev/null || true
   exec chrt -i 0 "$@"' idle "$@"

@@ -32,11 +32,11 @@ while getopts "g:t:c:o:p:s:S:m:b:" opt; do
     S) read -r e0 e1 <<< "$OPTARG" ;;
     m) model=$OPTARG ;;
     b) book=$(realpath "$OPTARG") ;;
-    *) sed -n '2,22p' "$0"; exit 2 ;;
+    *) sed -n '2,/^[^#]/{/^#/p}' "$0"; exit 2 ;;
   esac
 done
 shift $((OPTIND - 1))
-[ $# -ge 2 ] || { sed -n '2,22p' "$0"; exit 2; }
+[ $# -ge 2 ] || { sed -n '2,/^[^#]/{/^#/p}' "$0"; exit 2; }
 [ -n "${e0:-}" ] && sprt=(-sprt "elo0=$e0" "elo1=$e1" alpha=0.05 beta=0.05 "model=$model")
 [ -f "$book" ] || { echo "no openings file $book"; exit 2; }
 [ -x "$fastchess" ] || { echo "fastchess not found at $fastchess (set FASTCHESS)"; exit 2; }

@@ -33,7 +33,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 . "$root/tools/work-dir.sh"
 seed=1
 if [ "${1:-}" = --seed ]; then seed=${2:?--seed needs a number}; shift 2; fi
-[ $# -ge 3 ] || { sed -n '2,30p' "$0"; exit 2; }
+[ $# -ge 3 ] || { sed -n '2,/^[^#]/{/^#/p}' "$0"; exit 2; }
 gens=$1 parent=$(realpath "$2") out=$3 epochs=${4:-2}
 bin=$root/build/tools
 suffix=

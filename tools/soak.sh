@@ -11,7 +11,7 @@ games=1000 tc=1+0.01 engine=$root/build/vestra concurrency=1
 while getopts "g:t:e:c:" opt; do
   case $opt in
     g) games=$OPTARG ;; t) tc=$OPTARG ;; e) engine=$OPTARG ;; c) concurrency=$OPTARG ;;
-    *) sed -n '2,8p' "$0"; exit 2 ;;
+    *) sed -n '2,/^[^#]/{/^#/p}' "$0"; exit 2 ;;
   esac
 done
 [ -x "$engine" ] || { echo "match soak: FAIL (no engine at $engine)"; exit 1; }

@@ -36,14 +36,20 @@ def main():
     records = [(s * a.scale, r) for s, r in read(a.files)]
     if not records:
         raise SystemExit("no records")
-    lo, hi = 20.0, 1000.0  # the loss is unimodal in K: golden-section search
+    # The loss is unimodal in K: golden-section search, one pass over the records a step.
     g = (math.sqrt(5) - 1) / 2
+    lo, hi = 20.0, 1000.0
+    m1, m2 = hi - g * (hi - lo), lo + g * (hi - lo)
+    l1, l2 = loss(records, m1), loss(records, m2)
     while hi - lo > 0.5:
-        m1, m2 = hi - g * (hi - lo), lo + g * (hi - lo)
-        if loss(records, m1) < loss(records, m2):
-            hi = m2
+        if l1 < l2:
+            hi, m2, l2 = m2, m1, l1
+            m1 = hi - g * (hi - lo)
+            l1 = loss(records, m1)
         else:
-            lo = m1
+            lo, m1, l1 = m1, m2, l2
+            m2 = lo + g * (hi - lo)
+            l2 = loss(records, m2)
     best = (lo + hi) / 2
     print(f"{len(records)} records; best K {best:.0f} (loss {loss(records, best):.6f}),"
           f" at K {a.at:g} {loss(records, a.at):.6f}")

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Scores one engine's games in fastchess PGN files (plain or .gz), per opponent.
 
-    tools/match-score.py [--engine NAME] [--sprt ELO0 ELO1 [--normalized]] FILE.pgn[.gz]...
+    tools/match-score.py [--engine NAME] [--sprt ELO0 ELO1 [--normalized] [--decided]] FILE.pgn[.gz]...
 
 Several files add up, so a long match can be played in pieces (one PGN each, e.g. across
 sessions) and scored as one. NAME is the engine's PGN name (e.g. vestra-0); by default
@@ -19,7 +19,9 @@ pairs' variance, which counts what the two colours of one opening share (it matt
 with unbalanced openings, where the two games of a pair often split), and the normalized
 Elo: the mean score's distance from one half in standard deviations of a game, times
 800 / ln 10, which compares results across opening sets and time controls. With
---normalized the SPRT's bounds are normalized Elo.
+--normalized the SPRT's bounds are normalized Elo. With --decided the exit status says
+whether the pairs' LLR has reached a bound (0) or not (1), so that a script can stop a
+piece of a match as soon as all pieces together have decided.
 """
 import argparse
 import collections
@@ -82,7 +84,8 @@ def llr(w, l, d, elo0, elo1):
 
 
 def pair_summary(pairs, sprt, normalized):
-    """Pentanomial counts and the pair-based figures of a list of pair scores (0..2)."""
+    """Pentanomial counts and the pair-based figures of a list of pair scores (0..2),
+    and the pairs' LLR (None without an SPRT or a spread of scores)."""
     n = len(pairs)
     penta = [sum(1 for p in pairs if p == k / 2) for k in range(5)]
     mu = sum(pairs) / (2 * n)
@@ -91,7 +94,7 @@ def pair_summary(pairs, sprt, normalized):
     lo, hi = elo(max(mu - 1.96 * se, 0)), elo(min(mu + 1.96 * se, 1))
     text = f"{n} pairs, pentanomial {' '.join(map(str, penta))}: Elo {elo(mu):+.1f} +- {(hi - lo) / 2:.1f}"
     if var <= 0:
-        return text
+        return text, None
     unit = math.sqrt(2 * var) * math.log(10) / 800  # score per normalized Elo
     text += f", normalized Elo {(mu - 0.5) / unit:+.1f} +- {1.96 * se / unit:.1f}"
     if sprt:
@@ -102,7 +105,8 @@ def pair_summary(pairs, sprt, normalized):
         llr = n * (s1 - s0) * (2 * mu - s0 - s1) / (2 * var)
         kind = "normalized " if normalized else ""
         text += f"\n    LLR {llr:+.2f} over pairs for {kind}Elo {sprt[1]:g} against {sprt[0]:g} (bounds +-2.94)"
-    return text
+        return text, llr
+    return text, None
 
 
 def main():
@@ -110,6 +114,7 @@ def main():
     ap.add_argument("--engine")
     ap.add_argument("--sprt", nargs=2, type=float, metavar=("ELO0", "ELO1"))
     ap.add_argument("--normalized", action="store_true")
+    ap.add_argument("--decided", action="store_true")
     ap.add_argument("files", nargs="+")
     a = ap.parse_args()
     all_games = [dict(g, File=str(i)) for i, p in enumerate(a.files) for g in games(p)]
@@ -140,15 +145,20 @@ def main():
         if term != "normal":
             loser = g["Black"] if r == "1-0" else g["White"] if r == "0-1" else "-"
             per[opp][3][f"{term} (lost by {loser})"] += 1
+    decided = False
     for opp, (w, l, d, odd) in sorted(per.items()):
         print(f"{name} vs {opp}: {summary(w, l, d)}")
         if a.sprt and w + l + d and not a.normalized:
             print(f"    LLR {llr(w, l, d, *a.sprt):+.2f} for Elo {a.sprt[1]:g} against {a.sprt[0]:g} (bounds +-2.94)")
         pairs = [sum(v) for (o, *_), v in openings.items() if o == opp and len(v) == 2]
         if pairs:
-            print("    " + pair_summary(pairs, a.sprt, a.normalized))
+            text, pair_llr = pair_summary(pairs, a.sprt, a.normalized)
+            print("    " + text)
+            decided |= pair_llr is not None and abs(pair_llr) >= 2.94
         for what, k in sorted(odd.items()):
             print(f"    {k} x {what}")
+    if a.decided:
+        sys.exit(0 if decided else 1)
 
 
 if __name__ == "__main__":

@@ -78,7 +78,9 @@ setsid "$fastchess" "${engine_args[@]}" -each tc="$tc" proto=uci \
   -openings file="$book" format=epd "${order[@]}" \
   -pgnout file="$pgn" > "$log" 2>&1 < /dev/null &
 runner=$!
-trap 'kill -- -$runner 2>/dev/null || true' EXIT
+# The runner's process group, for a caller that stops the match early (kill -- -PID).
+echo $runner > "${pgn%.pgn}.pid"
+trap 'kill -- -$runner 2>/dev/null || true; rm -f "${pgn%.pgn}.pid"' EXIT
 trap 'exit 130' INT TERM
 tail -n +1 -f --pid=$runner "$log" | grep --line-buffered -E -i '^(Results of|Elo|Games|Ptnml|LOS|LLR)|loses on time|timeout|illegal|disconnect|crash|Finished' || true
 wait $runner || true

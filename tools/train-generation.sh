@@ -134,14 +134,29 @@ case $step in
       done
       return 0
     }
-    trap save EXIT
-    match_opts=()
-    [ -n "${SPRT:-}" ] && match_opts=(-S "$SPRT" -m "${SPRT_MODEL:-logistic}")
+    match_opts=() score_opts=()
+    [ -n "${SPRT:-}" ] && match_opts=(-S "$SPRT" -m "${SPRT_MODEL:-logistic}") score_opts=(--sprt $SPRT)
+    [ "${SPRT_MODEL:-}" = normalized ] && score_opts+=(--normalized)
+    # fastchess tests this piece's games alone, but the earlier pieces count too, and
+    # together they often decide long before this piece would: between games a watcher
+    # scores all pieces as one and stops the runner once they have decided.
+    watcher=""
+    if [ -n "${SPRT:-}" ] && [ ${#pieces[@]} -gt 0 ]; then
+      (
+        while sleep 20; do
+          [ -s "$piece" ] && [ -s "${piece%.pgn}.pid" ] || continue
+          if "$root/tools/match-score.py" "${score_opts[@]}" --decided "${pieces[@]}" "$piece" >/dev/null 2>&1; then
+            echo "all pieces together have decided: this piece stops here"
+            kill -- -"$(cat "${piece%.pgn}.pid")" 2>/dev/null || true
+            break
+          fi
+        done
+      ) &
+      watcher=$!
+    fi
+    trap '{ [ -z "$watcher" ] || kill $watcher 2>/dev/null || true; }; save' EXIT
     "$root/tools/match.sh" -g "$games" -t "$tc" -c "$conc" "${match_opts[@]}" -b "$book" -p "$piece" \
       "$new_engine" "$prev_engine" || true
-    score_opts=()
-    [ -n "${SPRT:-}" ] && score_opts=(--sprt $SPRT)
-    [ "${SPRT_MODEL:-}" = normalized ] && score_opts+=(--normalized)
     "$root/tools/match-score.py" "${score_opts[@]}" "$base"-*.pgn
     ;;
   accept)

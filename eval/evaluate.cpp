@@ -63,9 +63,22 @@ inline __m256i activate32(const __m256i* v) {
     return _mm256_max_epi8(p, _mm256_setzero_si256());
 }
 
+// acc + in each i32 lane the sum of the four products of unsigned activation bytes and
+// signed weight bytes. The multiply-add pair of plain AVX2 is exact here (a pair of
+// products stays within i16); the one instruction of VNNI never saturates at all.
+inline __m256i dot4_add(__m256i acc, __m256i activations, __m256i weights, [[maybe_unused]] __m256i ones) {
+#if defined(VESTRA_EVAL_VNNI512)
+    return _mm256_dpbusd_epi32(acc, activations, weights);
+#elif defined(VESTRA_EVAL_VNNI)
+    return _mm256_dpbusd_avx_epi32(acc, activations, weights);
+#else
+    return _mm256_add_epi32(acc, _mm256_madd_epi16(_mm256_maddubs_epi16(activations, weights), ones));
+#endif
+}
+
 inline __m256i dot_bytes(__m256i activations, const i8* weights, __m256i ones) {
     __m256i w = _mm256_load_si256(reinterpret_cast<const __m256i*>(weights));
-    return _mm256_madd_epi16(_mm256_maddubs_epi16(activations, w), ones);
+    return dot4_add(_mm256_setzero_si256(), activations, w, ones);
 }
 
 }  // namespace
@@ -91,7 +104,9 @@ i32 network_output_avx2(const i16* half0, const i16* half1) {
     __m256i sums[4], more[4];
     for (int k = 0; k < 4; ++k) sums[k] = more[k] = _mm256_setzero_si256();
     const i32* groups = reinterpret_cast<const i32*>(input);
-    const bool four_a_lane = hidden1_groups_per_lane >= 4;
+    // VNNI adds four products to a 32-bit sum in one step, so sharing 16-bit sums saves
+    // nothing there.
+    const bool four_a_lane = !VESTRA_HAS_VNNI && hidden1_groups_per_lane >= 4;
     for (int c = 0; c < NET_INPUTS / 4; c += 64) {
         u64 live = 0;
         for (int v = 0; v < 8; ++v) {
@@ -125,14 +140,12 @@ i32 network_output_avx2(const i16* half0, const i16* half1) {
             int g = c + pop_lsb(live);
             const __m256i* w = reinterpret_cast<const __m256i*>(hidden1_by_group[g]);
             __m256i in = _mm256_set1_epi32(groups[g]);
-            for (int k = 0; k < 4; ++k)
-                sums[k] = _mm256_add_epi32(sums[k], _mm256_madd_epi16(_mm256_maddubs_epi16(in, w[k]), ones));
+            for (int k = 0; k < 4; ++k) sums[k] = dot4_add(sums[k], in, _mm256_load_si256(w + k), ones);
             if (!live) break;
             g = c + pop_lsb(live);
             w = reinterpret_cast<const __m256i*>(hidden1_by_group[g]);
             in = _mm256_set1_epi32(groups[g]);
-            for (int k = 0; k < 4; ++k)
-                more[k] = _mm256_add_epi32(more[k], _mm256_madd_epi16(_mm256_maddubs_epi16(in, w[k]), ones));
+            for (int k = 0; k < 4; ++k) more[k] = dot4_add(more[k], in, _mm256_load_si256(w + k), ones);
         }
     }
     for (int k = 0; k < 4; ++k)
@@ -141,7 +154,15 @@ i32 network_output_avx2(const i16* half0, const i16* half1) {
             _mm256_loadu_si256(reinterpret_cast<const __m256i*>(network_image->hidden1_biases + k * 8)));
     __m256i h1 = activate32(sums);
 
-    if (hidden2_groups_per_lane >= 4) {
+    if (VESTRA_HAS_VNNI) {
+        for (int k = 0; k < 4; ++k)
+            sums[k] = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(network_image->hidden2_biases + k * 8));
+        for (int g = 0; g < NET_HIDDEN1 / 4; ++g) {
+            const __m256i* w = reinterpret_cast<const __m256i*>(hidden2_by_group[g]);
+            const __m256i in = _mm256_permutevar8x32_epi32(h1, _mm256_set1_epi32(g));
+            for (int k = 0; k < 4; ++k) sums[k] = dot4_add(sums[k], in, _mm256_load_si256(w + k), ones);
+        }
+    } else if (hidden2_groups_per_lane >= 4) {
         // As the first layer: each group of four activations broadcast against the 32
         // neurons' weights, four groups to a 16-bit sum; no horizontal additions.
         for (int k = 0; k < 4; ++k)

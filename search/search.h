@@ -56,11 +56,18 @@ inline i32 search_fixed_depth(SearchThread* main, int depth, u32* best_move) {
 
 // Between equal scores the entry nearest the end wins, that is the one generated last.
 inline void pick_best(ScoredMove* begin, ScoredMove* end) {
-    ScoredMove* best = end - 1;
-    for (ScoredMove* p = end - 1; p != begin;) {
-        --p;
-        if (p->score > best->score) best = p;
+    // Index and score kept apart, so that the compiler can choose by conditional moves:
+    // which entry is larger is close to a coin toss, and a mispredicted branch per
+    // entry was most of this scan's cost.
+    int n = int(end - begin), best_i = n - 1;
+    i32 best_score = begin[best_i].score;
+    for (int i = n - 2; i >= 0; --i) {
+        i32 s = begin[i].score;
+        bool better = s > best_score;
+        best_score = better ? s : best_score;
+        best_i = better ? i : best_i;
     }
+    ScoredMove* best = begin + best_i;
     ScoredMove tmp = *best;
     *best = end[-1];
     end[-1] = tmp;

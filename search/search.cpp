@@ -362,6 +362,8 @@ inline void store_entry(u64 key, int depth, u32 move, u32 bound, i32 score, int 
 
 inline void push_move(SearchThread* t, u32 m, int ply) {
     make_move(t, m, &t->ply_records[ply].delta);
+    // The child reads its table slot first thing; start the fetch now.
+    __builtin_prefetch(tt_slot(t->top->key));
     t->static_eval[ply + 1] = NO_SCORE;
     t->ply_records[ply + 1].computed = 0;
 }

@@ -9,6 +9,8 @@
 #     -g GAMES   games against each opponent in all (default 200)
 #     -n PIECE   games per piece (default 50)
 #     -t TC      time control (default 10+0.1);  -c N  games at once (default 2)
+#     -e TAG     results of this network with a changed engine (a faster search, say)
+#                go to tools/results/<net>-<TAG>/, apart from the earlier engine's
 #
 # Each finished piece is kept, gzipped, in tools/results/<net>/ (<net>: the first
 # 12 hex digits of data/vestra.nnue's SHA-256, so results belong to one network); an
@@ -19,10 +21,10 @@
 # Prints the score so far against each opponent (default: all five).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-games=200 piece=50 tc=10+0.1 conc=2
-while getopts "g:n:t:c:" opt; do
+games=200 piece=50 tc=10+0.1 conc=2 tag=""
+while getopts "g:n:t:c:e:" opt; do
   case $opt in
-    g) games=$OPTARG ;; n) piece=$OPTARG ;; t) tc=$OPTARG ;; c) conc=$OPTARG ;;
+    g) games=$OPTARG ;; n) piece=$OPTARG ;; t) tc=$OPTARG ;; c) conc=$OPTARG ;; e) tag=-$OPTARG ;;
     *) sed -n '2,/^[^#]/{/^#/p}' "$0"; exit 2 ;;
   esac
 done
@@ -33,7 +35,7 @@ opponents=("$@")
 net=$(sha256sum "$root/data/vestra.nnue" | cut -c1-12)
 # A private copy of the engine (made below), so that a rebuild during the gauntlet
 # cannot change it.
-engine=$work/vestra-$net
+engine=$work/vestra-$net$tag
 
 declare -A command=(
   [gnuchess]="/usr/games/gnuchess --uci option.Hash=256"
@@ -58,7 +60,7 @@ for o in "${opponents[@]}"; do
   fi
 done
 
-results=$root/tools/results/$net
+results=$root/tools/results/$net$tag
 mkdir -p "$results"
 cp "$root/build/vestra" "$engine"
 
@@ -76,7 +78,7 @@ for o in "${opponents[@]}"; do
     [ "$done_games" -lt "$games" ] || break
     n=$((games - done_games < piece ? games - done_games : piece))
     start=$((done_games / 2 + 1))
-    pgn=$work/gauntlet-$net-$o-$start.pgn
+    pgn=$work/gauntlet-$net$tag-$o-$start.pgn
     rm -f "$pgn"
     echo "== $o: games $((done_games + 1)) to $((done_games + n)), openings from $start"
     first=() c=$conc

@@ -138,14 +138,20 @@ case $step in
     [ -n "${SPRT:-}" ] && match_opts=(-S "$SPRT" -m "${SPRT_MODEL:-logistic}") score_opts=(--sprt $SPRT)
     [ "${SPRT_MODEL:-}" = normalized ] && score_opts+=(--normalized)
     # fastchess tests this piece's games alone, but the earlier pieces count too, and
-    # together they often decide long before this piece would: between games a watcher
-    # scores all pieces as one and stops the runner once they have decided.
+    # together they often decide long before this piece would: after each new game a
+    # watcher scores all pieces as one, at idle priority so that the engines keep the
+    # cores, and stops the runner once they have decided.
     watcher=""
     if [ -n "${SPRT:-}" ] && [ ${#pieces[@]} -gt 0 ]; then
       (
+        scored=0
         while sleep 20; do
-          [ -s "$piece" ] && [ -s "${piece%.pgn}.pid" ] || continue
-          if "$root/tools/match-score.py" "${score_opts[@]}" --decided "${pieces[@]}" "$piece" >/dev/null 2>&1; then
+          [ -s "${piece%.pgn}.pid" ] && [ -s "$piece" ] || continue
+          size=$(stat -c %s "$piece")
+          [ "$size" != "$scored" ] || continue
+          scored=$size
+          if "$root/tools/idle.sh" "$root/tools/match-score.py" "${score_opts[@]}" --decided "${pieces[@]}" "$piece" \
+            >/dev/null 2>&1; then
             echo "all pieces together have decided: this piece stops here"
             kill -- -"$(cat "${piece%.pgn}.pid")" 2>/dev/null || true
             break

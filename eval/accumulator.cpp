@@ -63,8 +63,8 @@ struct RowBatch {
     void need(int more) {
         if (add_count + more > CAPACITY || sub_count + more > CAPACITY) flush();
     }
-    void plus(int row) { add[add_count++] = network_row(network_image, row); }
-    void minus(int row) { sub[sub_count++] = network_row(network_image, row); }
+    void plus(int row) { add[add_count++] = working_row(row); }
+    void minus(int row) { sub[sub_count++] = working_row(row); }
 };
 
 // Row of a feature code of FeatureDelta for a half whose owner is (own = 1) or is not

@@ -14,6 +14,25 @@ alignas(64) i8 hidden1_working[NET_HIDDEN1][NET_INPUTS];
 alignas(64) i8 hidden2_working[NET_HIDDEN2][NET_HIDDEN1];
 alignas(64) i8 output_working[NET_HIDDEN2];
 u32 network_generation = 0;
+const i16* working_rows = nullptr;
+
+// One block for the life of the process, in large pages where the system gives them.
+static i16* working_rows_block() {
+    constexpr u64 size = u64(NET_FEATURES + 2) * NET_HALF * sizeof(i16);
+    static i16* block = nullptr;
+    if (!block) {
+        i64 mapped = 0;
+        void* p = large_pages_alloc(size, &mapped);
+        if (!p) p = aligned_block_alloc(size);
+        if (!p) {
+            std::fputs("info string out of memory for the network\n", stdout);
+            std::fflush(stdout);
+            std::exit(1);
+        }
+        block = static_cast<i16*>(p);
+    }
+    return block;
+}
 
 alignas(64) i8 hidden1_by_group[NET_INPUTS / 4][NET_HIDDEN1][4];
 int hidden1_groups_per_lane = 1;
@@ -41,6 +60,12 @@ void network_startup_check() {
     std::memcpy(hidden1_working, network_image->hidden1_weights, sizeof hidden1_working);
     std::memcpy(hidden2_working, network_image->hidden2_weights, sizeof hidden2_working);
     std::memcpy(output_working, network_image->output_weights, sizeof output_working);
+    i16* rows = working_rows_block();
+    for (int row = 0; row < NET_FEATURES + 2; ++row) {
+        const int r = row < NET_FEATURES ? (row & 63) * 640 + (row >> 6) : row;
+        std::memcpy(rows + size_t(r) * NET_HALF, network_row(network_image, row), NET_HALF * sizeof(i16));
+    }
+    working_rows = rows;
     for (int i = 0; i < NET_INPUTS; ++i)
         for (int j = 0; j < NET_HIDDEN1; ++j) hidden1_by_group[i / 4][j][i % 4] = hidden1_working[j][i];
     for (int i = 0; i < NET_HIDDEN1; ++i)

@@ -75,6 +75,17 @@ inline i16* network_row(NetworkImage* image, int row) {
 // square and king square in the owner's frame.
 constexpr int feature_row(int plane, int square, int king) { return plane * 4096 + square * 64 + king; }
 
+// The piece and castling rows again, for the accumulators, with the king square as the
+// high field: row (k * 640 + plane * 64 + square), the two castling rows after the
+// 40,960. The image keeps the king square in the low field, which puts the 640 rows of
+// one king 32 KB apart, where they compete for a few sets of every cache; here they fill
+// 320 KB of their own. Refreshed by the start-up check.
+extern const i16* working_rows;
+inline const i16* working_row(int row) {
+    const int r = row < NET_FEATURES ? (row & 63) * 640 + (row >> 6) : row;
+    return working_rows + size_t(r) * NET_HALF;
+}
+
 // The image compiled into the program. Only tools point it elsewhere (before the
 // start-up check); the engine never changes it.
 extern const NetworkImage* network_image;

@@ -178,8 +178,11 @@ struct MovePicker {
     u32 tt_move;
     u32 counter;  // looked up at stage 5; 0 until then
     u64 pinned;   // pinned_men, from the generation stage on
+    int elided;   // moves of a late-move tail passed over before the one just returned
+    bool tail_tried;
     ScoredMove* end;
     ScoredMove list[MAX_MOVES];
+    u8 tail_elided[MAX_TAIL];
 };
 
 enum : int {
@@ -192,6 +195,7 @@ enum : int {
     PICK_QUIETS,
     PICK_REST,
     PICK_SCORE_ONLY,  // in check: the scoring pass of the quiet stage, without generation
+    PICK_TAIL,        // late-move pruning has begun: only the moves it spares, in order
 };
 
 // Killers and the counter move are quiet moves that quiet_is_possible admits; out of
@@ -282,6 +286,16 @@ u32 next_move(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int
             mp->stage = PICK_REST;
             return next_move(t, mp, pos, ply, depth, in_check, prev_move, prev_move_2, score);
         }
+        case PICK_TAIL:
+            if (mp->end == mp->list) return 0;
+            {
+                ScoredMove* e = --mp->end;
+                u32 m = e->move;
+                if (is_tactical(m)) tag_check(pos, &m);
+                mp->elided = mp->tail_elided[e - mp->list];
+                *score = e->score;
+                return m;
+            }
         case PICK_SCORE_ONLY:
             score_quiets(t, pos, mp->list, mp->end, prev_move, prev_move_2);
             mp->stage = PICK_REST;
@@ -302,6 +316,20 @@ u32 next_move(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int
             return 0;
     }
     return 0;
+}
+
+// Once late-move pruning passes over every remaining quiet move of the plain kind (out
+// of check, below depth 8), the list is cut to the moves it spares (order_late_tail).
+void enter_lmp_tail(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int depth) {
+    mp->tail_tried = true;
+    auto returned = [&](u32 m) {
+        return !same_move(m, t->killers[ply][0]) && !same_move(m, t->killers[ply][1]) &&
+               !same_move(m, mp->counter) && !same_move(m, mp->tt_move) && !exposes_king(pos, m, mp->pinned);
+    };
+    const int count = order_late_tail(mp->list, mp->end, depth >= 3, is_quiet_kind, returned, mp->tail_elided);
+    if (count < 0) return;
+    mp->end = mp->list + count;
+    mp->stage = PICK_TAIL;
 }
 
 // The picker of the quiescence search: table move, captures (evasions in check), then
@@ -500,6 +528,8 @@ i32 search(SearchThread* t, i32 node_type, int ply, int depth, i32 alpha, i32 be
 
     MovePicker mp;
     mp.stage = PICK_TT;
+    mp.elided = 0;
+    mp.tail_tried = false;
     mp.tt_move = 0;
     mp.counter = 0;
 
@@ -560,13 +590,17 @@ i32 search(SearchThread* t, i32 node_type, int ply, int depth, i32 alpha, i32 be
         i32 s;
         u32 m = next_move(t, &mp, pos, ply, depth, in_check, prev_move, prev_move_2, &s);
         if (!m) break;
+        moves_seen += mp.elided;
         const int n = moves_seen++;
         if (m == excluded) continue;
 
         if (n != 0) {
             const bool plain = is_quiet_kind(m) && !in_check;
             if (depth < 8 && plain) {
-                if (n >= lmp_limit) continue;
+                if (n >= lmp_limit) {
+                    if (mp.stage == PICK_REST && !mp.tail_tried) enter_lmp_tail(t, &mp, pos, ply, depth);
+                    continue;
+                }
                 if (m != t->killers[ply][0] && m != t->killers[ply][1] && m != mp.counter && futility_value < alpha &&
                     iabs(alpha) <= SAFE_SCORE && iabs(node_eval) <= SAFE_SCORE)
                     continue;

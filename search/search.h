@@ -37,6 +37,56 @@ inline i32 losing_capture_score(i32 see_value, i32 old_score) {
     return i32(u32(see_value) * 128u + (u32(old_score) & 127u) + BAD_CAPTURE_BASE);
 }
 
+// The late-move tail of a list whose best entries pick_best takes one at a time, once
+// pruning will pass over every remaining `passed(move)` entry: scanning for each of them
+// in turn only to discard it was over half of all picking. The entries it spares are
+// written to the front of the list in the order the scans would give (the first to come
+// at the end, as pick_best leaves it), leaving out those that `returned(move)` rejects,
+// as the picker would; elided[i] is the number of passed-over entries the picker would
+// have returned before entry i, which the move count needs, when `counts` asks for it.
+// The order is the scans' only where no spared entry shares its score with another
+// entry (without `counts`, with another spared one), as a tie would be broken by list
+// position: then, and with more spared entries than MAX_TAIL, the list is left alone and
+// -1 returned. Otherwise returns the number of entries written.
+constexpr int MAX_TAIL = 32;
+template <class Passed, class Returned>
+int order_late_tail(ScoredMove* list, ScoredMove* end, bool counts, Passed passed, Returned returned, u8* elided) {
+    ScoredMove spared[MAX_TAIL];
+    int k = 0;
+    for (const ScoredMove* e = list; e < end; ++e) {
+        if (passed(e->move)) continue;
+        if (k == MAX_TAIL) return -1;
+        for (const ScoredMove* o = list; o < end; ++o)
+            if (o != e && o->score == e->score && (counts || !passed(o->move))) return -1;
+        spared[k++] = *e;
+    }
+    for (int i = 1; i < k; ++i)  // highest score first
+        for (int j = i; j > 0 && spared[j - 1].score < spared[j].score; --j) {
+            ScoredMove x = spared[j];
+            spared[j] = spared[j - 1];
+            spared[j - 1] = x;
+        }
+    ScoredMove kept[MAX_TAIL];
+    u8 skipped[MAX_TAIL];
+    int count = 0, pending = 0;
+    i64 above = i64(INT32_MAX) + 1;  // passed-over entries between the previous spared one and this
+    for (int i = 0; i < k; ++i) {
+        if (counts)
+            for (const ScoredMove* o = list; o < end; ++o)
+                if (passed(o->move) && o->score > spared[i].score && o->score < above && returned(o->move)) ++pending;
+        above = spared[i].score;
+        if (!returned(spared[i].move)) continue;
+        kept[count] = spared[i];
+        skipped[count++] = u8(pending < 127 ? pending : 127);  // a count beyond 126 reduces no differently
+        pending = 0;
+    }
+    for (int i = 0; i < count; ++i) {
+        list[count - 1 - i] = kept[i];
+        elided[count - 1 - i] = skipped[i];
+    }
+    return count;
+}
+
 // A line never grows beyond this many plies from the root; the node there returns its
 // static value, so the per-ply arrays (MAX_PLY) are never overrun.
 constexpr int MAX_SEARCH_PLY = 500;

@@ -1,4 +1,5 @@
 // The search: mates and their distances, draws, determinism and easy tactics.
+#include <algorithm>
 #include <cctype>
 #include <climits>
 #include <cstring>
@@ -429,4 +430,59 @@ TEST(MovePicking, HighestScoreNearestTheEndIsMovedLast) {
         }
     }
     EXPECT_GT(ties, 1000);
+}
+
+// The late-move tail must give the spared moves in the order, and with the move counts,
+// that picking one at a time and discarding the passed-over ones would.
+TEST(MovePicking, LateTailMatchesPickingOneAtATime) {
+    Rng r{7};
+    auto passed = [](u32 m) { return (m & 3) != 0; };    // three in four are passed over
+    auto returned = [](u32 m) { return (m & 28) != 0; };  // one in eight the picker drops
+    int fast = 0, fast_with_counts = 0, elided_seen = 0, refused = 0;
+    for (int round = 0; round < 6000; ++round) {
+        const int n = 1 + r.below(60);
+        const int spread = 2 + r.below(400);
+        const bool counts = r.below(2);
+        ScoredMove list[MAX_MOVES];
+        for (int i = 0; i < n; ++i) list[i] = {i32(r.below(spread)) - 200, u32(i) << 8 | u32(r.below(32))};
+        // What the picker would return, and how many returned moves before each spared one.
+        ScoredMove copy[MAX_MOVES];
+        std::memcpy(copy, list, sizeof(ScoredMove) * size_t(n));
+        std::vector<u32> expected_moves;
+        std::vector<int> expected_counts;
+        int since = 0;
+        for (ScoredMove* end = copy + n; end > copy; --end) {
+            pick_best(copy, end);
+            const u32 m = end[-1].move;
+            if (!returned(m)) continue;
+            if (passed(m)) {
+                ++since;
+            } else {
+                expected_moves.push_back(m);
+                expected_counts.push_back(since);
+                since = 0;
+            }
+        }
+        u8 elided[MAX_TAIL];
+        const int count = order_late_tail(list, list + n, counts, passed, returned, elided);
+        if (count < 0) {
+            ++refused;
+            continue;
+        }
+        ++fast;
+        fast_with_counts += counts;
+        ASSERT_EQ(size_t(count), expected_moves.size()) << "round " << round;
+        for (int i = 0; i < count; ++i) {
+            // The picker takes the tail from the end.
+            ASSERT_EQ(list[count - 1 - i].move, expected_moves[size_t(i)]) << "round " << round << " entry " << i;
+            if (counts) {
+                ASSERT_EQ(elided[count - 1 - i], std::min(expected_counts[size_t(i)], 127)) << "round " << round;
+                elided_seen += expected_counts[size_t(i)] > 0;
+            }
+        }
+    }
+    EXPECT_GT(fast_with_counts, 500);
+    EXPECT_GT(fast - fast_with_counts, 500);
+    EXPECT_GT(elided_seen, 500);
+    EXPECT_GT(refused, 500);
 }

@@ -1,5 +1,6 @@
 // The network image: one flat little-endian block of 20,990,976 bytes holding every
-// weight of the 2 x 256, 32, 32, 1 network. The engine reads it in place; tools
+// weight of the 2 x 256, 32, 32, 1 network. The engine reads it in place, but for
+// working copies that the start-up check makes of the parts it reads most; tools
 // (statistics, the network maker, later the trainer) build and inspect images
 // through the same record and helpers, so the layout exists exactly once.
 #pragma once

@@ -134,6 +134,33 @@ i32 network_output_avx2(const i16* half0, const i16* half1) {
             }
             continue;
         }
+#if defined(VESTRA_EVAL_VNNI512)
+        {
+            // A group's products for all 32 neurons in two 512-bit instructions.
+            __m512i lo = _mm512_setzero_si512(), hi = lo, lo2 = lo, hi2 = lo;
+            while (live) {
+                int g = c + pop_lsb(live);
+                const __m512i* w = reinterpret_cast<const __m512i*>(hidden1_by_group[g]);
+                __m512i in = _mm512_set1_epi32(groups[g]);
+                lo = _mm512_dpbusd_epi32(lo, in, _mm512_load_si512(w));
+                hi = _mm512_dpbusd_epi32(hi, in, _mm512_load_si512(w + 1));
+                if (!live) break;
+                g = c + pop_lsb(live);
+                w = reinterpret_cast<const __m512i*>(hidden1_by_group[g]);
+                in = _mm512_set1_epi32(groups[g]);
+                lo2 = _mm512_dpbusd_epi32(lo2, in, _mm512_load_si512(w));
+                hi2 = _mm512_dpbusd_epi32(hi2, in, _mm512_load_si512(w + 1));
+            }
+            lo = _mm512_add_epi32(lo, lo2);
+            hi = _mm512_add_epi32(hi, hi2);
+            alignas(64) i32 part[32];
+            _mm512_store_si512(part, lo);
+            _mm512_store_si512(part + 16, hi);
+            for (int k = 0; k < 4; ++k)
+                sums[k] = _mm256_add_epi32(sums[k], _mm256_load_si256(reinterpret_cast<const __m256i*>(part + 8 * k)));
+            continue;
+        }
+#endif
         // Two groups a round into two sets of sums, so that the adds do not wait on
         // each other.
         while (live) {

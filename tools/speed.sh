@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Speed report on one machine, in one run: search nodes/s (median of N runs, old and
 # new binary alternating when two are given; by the wall clock and by the search
-# thread's processor time, which a loaded machine disturbs less), the same figure as a ratio to the
+# thread's processor time, which a loaded machine disturbs less; with two binaries also the
+# median of the two runs' ratio round by round), the same figure as a ratio to the
 # Debian package ethereal-chess's `bench` (a stopwatch only, installed when missing),
 # perft times of the start position and Kiwipete, and optionally the thread bench.
 #
@@ -40,9 +41,11 @@ field() { awk -v w="$1" '{ for (i = 1; i < NF; ++i) if ($i == w) print $(i + 1) 
 spread() { sort -n | awk 'NR == 1 { lo = $1 } { hi = $1 } END { printf "%s-%s", lo, hi }'; }
 
 # Search: alternate the binaries run by run, so that a change in the machine's load
-# falls on both alike.
+# falls on both alike, and swap their order every round.
 for ((r = 1; r <= runs; ++r)); do
-  for i in "${!benches[@]}"; do
+  order=("${!benches[@]}")
+  [ ${#benches[@]} -eq 1 ] || [ $((r % 2)) = 1 ] || order=(1 0)
+  for i in "${order[@]}"; do
     "${benches[$i]}" --depth "$depth" > "$tmp/bench-$i-$r.txt"
     awk '$1 == "total"' "$tmp/bench-$i-$r.txt" | field nps >> "$tmp/nps-$i"
     awk '$1 == "total"' "$tmp/bench-$i-$r.txt" | field cpu-nps >> "$tmp/cpu-$i"
@@ -64,6 +67,11 @@ if [ ${#benches[@]} -eq 2 ]; then
   fi
   awk -v a="$(median < "$tmp/nps-0")" -v b="$(median < "$tmp/nps-1")" -v c="$(median < "$tmp/cpu-0")" \
     -v d="$(median < "$tmp/cpu-1")" 'BEGIN { printf "new / old: %.3f by the wall clock, %.3f by processor time\n", b / a, d / c }'
+  # The two runs of a round lie next to each other in time, so that the ratio within a
+  # round sees less of a machine whose speed drifts (a shared one) than the medians do.
+  paste "$tmp/cpu-0" "$tmp/cpu-1" | awk '{ print $2 / $1 }' | sort -n | awk '{ v[NR] = $1 }
+    END { printf "new / old by rounds (processor time): median %.3f, quartiles %.3f-%.3f over %d rounds\n",
+          (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2, v[int((NR + 3) / 4)], v[NR + 1 - int((NR + 3) / 4)], NR }'
 fi
 new_bench=${benches[${#benches[@]} - 1]}
 new_nps=$(median < "$tmp/nps-$(( ${#benches[@]} - 1 ))")

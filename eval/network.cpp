@@ -61,10 +61,9 @@ void network_startup_check() {
     std::memcpy(hidden2_working, network_image->hidden2_weights, sizeof hidden2_working);
     std::memcpy(output_working, network_image->output_weights, sizeof output_working);
     i16* rows = working_rows_block();
-    for (int row = 0; row < NET_FEATURES + 2; ++row) {
-        const int r = row < NET_FEATURES ? (row & 63) * 640 + (row >> 6) : row;
-        std::memcpy(rows + size_t(r) * NET_HALF, network_row(network_image, row), NET_HALF * sizeof(i16));
-    }
+    for (int row = 0; row < NET_FEATURES + 2; ++row)
+        std::memcpy(rows + size_t(working_row_number(row)) * NET_HALF, network_row(network_image, row),
+                    NET_HALF * sizeof(i16));
     working_rows = rows;
     for (int i = 0; i < NET_INPUTS; ++i)
         for (int j = 0; j < NET_HIDDEN1; ++j) hidden1_by_group[i / 4][j][i % 4] = hidden1_working[j][i];

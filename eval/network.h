@@ -82,10 +82,8 @@ constexpr int feature_row(int plane, int square, int king) { return plane * 4096
 // one king 32 KB apart, where they compete for a few sets of every cache; here they fill
 // 320 KB of their own. Refreshed by the start-up check.
 extern const i16* working_rows;
-inline const i16* working_row(int row) {
-    const int r = row < NET_FEATURES ? (row & 63) * 640 + (row >> 6) : row;
-    return working_rows + size_t(r) * NET_HALF;
-}
+inline int working_row_number(int row) { return row < NET_FEATURES ? (row & 63) * 640 + (row >> 6) : row; }
+inline const i16* working_row(int row) { return working_rows + size_t(working_row_number(row)) * NET_HALF; }
 
 // The image compiled into the program. Only tools point it elsewhere (before the
 // start-up check); the engine never changes it.

@@ -10,7 +10,8 @@ struct SearchThread;
 #if defined(__AVX2__) && !defined(VESTRA_PORTABLE)
 #define VESTRA_EVAL_AVX2 1
 // Targets with VNNI (AVX-512 VNNI with 256-bit forms, or AVX-VNNI) take the small
-// layers' four-byte dot products in one instruction; same results.
+// layers' four-byte dot products in one instruction, and with AVX-512 VNNI the first
+// hidden layer's in 512-bit registers; same results.
 #if defined(__AVX512VNNI__) && defined(__AVX512VL__)
 #define VESTRA_EVAL_VNNI512 1
 #define VESTRA_HAS_VNNI true

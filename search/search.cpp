@@ -205,6 +205,17 @@ inline bool playable_quiet(const Position* pos, u32 m, u32 tt_move, u64 pinned) 
     return m && !same_move(m, tt_move) && quiet_is_possible(pos, m) && !exposes_king(pos, m, pinned);
 }
 
+// Whether the last stage returns an entry of its list: out of check the killers and the
+// counter move have had stages of their own, the table move came first, and a pinned man
+// may not leave its line. The late-move tail filters by the same rule.
+inline bool rest_returns(const SearchThread* t, const MovePicker* mp, const Position* pos, int ply, bool in_check,
+                         u32 m) {
+    if (!in_check &&
+        (same_move(m, t->killers[ply][0]) || same_move(m, t->killers[ply][1]) || same_move(m, mp->counter)))
+        return false;
+    return !same_move(m, mp->tt_move) && !exposes_king(pos, m, mp->pinned);
+}
+
 u32 next_move(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int depth, bool in_check,
               u32 prev_move, u32 prev_move_2, i32* score) {
     switch (mp->stage) {
@@ -305,10 +316,7 @@ u32 next_move(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int
                 pick_best(mp->list, mp->end);
                 ScoredMove* e = --mp->end;
                 u32 m = e->move;
-                if (!in_check && (same_move(m, t->killers[ply][0]) || same_move(m, t->killers[ply][1]) ||
-                                  same_move(m, mp->counter)))
-                    continue;
-                if (same_move(m, mp->tt_move) || exposes_king(pos, m, mp->pinned)) continue;
+                if (!rest_returns(t, mp, pos, ply, in_check, m)) continue;
                 if (in_check || is_tactical(m)) tag_check(pos, &m);
                 *score = e->score;
                 return m;
@@ -322,10 +330,7 @@ u32 next_move(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int
 // of check, below depth 8), the list is cut to the moves it spares (order_late_tail).
 void enter_lmp_tail(SearchThread* t, MovePicker* mp, const Position* pos, int ply, int depth) {
     mp->tail_tried = true;
-    auto returned = [&](u32 m) {
-        return !same_move(m, t->killers[ply][0]) && !same_move(m, t->killers[ply][1]) &&
-               !same_move(m, mp->counter) && !same_move(m, mp->tt_move) && !exposes_king(pos, m, mp->pinned);
-    };
+    auto returned = [&](u32 m) { return rest_returns(t, mp, pos, ply, false, m); };
     const int count = order_late_tail(mp->list, mp->end, depth >= 3, is_quiet_kind, returned, mp->tail_elided);
     if (count < 0) return;
     mp->end = mp->list + count;

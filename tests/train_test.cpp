@@ -360,7 +360,7 @@ TEST(TrainNet, QuantisedImageStaysInRange) {
 // opening position (or the one after it), scored by the game's first search. With
 // --sample only about one position in K is recorded, so a game leaves a fraction of
 // the records.
-TEST(TrainData, DatagenBalanceTurnsAwayLopsidedOpenings) {
+TEST(TrainData, DatagenOpeningsStayLevelWhenAsked) {
     const std::string dir = ::testing::TempDir() + "vestra_datagen_" + std::to_string(getpid());
     struct Games {
         double lopsided_share, records_per_game;
@@ -390,6 +390,9 @@ TEST(TrainData, DatagenBalanceTurnsAwayLopsidedOpenings) {
     const Games balanced = play("balanced", "--positions 6000 --balance 80");
     EXPECT_GT(free.lopsided_share, 0.1);
     EXPECT_LT(balanced.lopsided_share, 0.05);
+    // Opening moves kept near the best drop no material, without any check at the end.
+    const Games near = play("near", "--positions 3000 --opening-margin 20 --opening-depth 2");
+    EXPECT_LT(near.lopsided_share, 0.05);
     const Games sampled = play("sampled", "--positions 1500 --sample 6 --play-depth 2");
     EXPECT_LT(sampled.records_per_game, free.records_per_game / 3)
         << sampled.records_per_game << " against " << free.records_per_game;

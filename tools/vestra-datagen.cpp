@@ -15,6 +15,10 @@
 //                        random; the other moves are played by a --play-depth search and
 //                        not recorded (default 1: every position)
 //     --play-depth D     depth of the unrecorded moves with --sample (default 6)
+//     --opening-margin M each opening ply is drawn from the moves that a search of all of
+//                        them at --opening-depth puts within M of the best, instead of
+//                        from every legal move (default 0: every legal move)
+//     --opening-depth D  depth of that search (default 4)
 //
 // Each worker w owns DIR/part-<w>.bin and plays until that file holds N / W records.
 // A rerun with the same arguments continues where the parts stand: the files only grow
@@ -65,6 +69,11 @@ struct Options {
     // shallow search cost a fraction of the nodes.
     int sample = 1;
     int play_depth = 6;
+    // Uniformly random plies give openings that no player would choose (a rook walked
+    // out by the a-pawn, a king stepped up); a margin keeps each ply among moves the
+    // engine itself would consider, so that the games look like those it plays.
+    int opening_margin = 0;
+    int opening_depth = 4;
 };
 
 // Adjudication. Scores are internal units (160 to a pawn with the first network).
@@ -109,14 +118,42 @@ bool insufficient_material(const Position* p) {
     return popcount(p->knights | p->bishops) <= 1;
 }
 
-// Plays the random opening moves; false when the line runs into a finished game.
-bool random_opening(SearchThread* t, Rng& rng, const std::string& fen, int plies, std::string* moves) {
+// Of the legal moves of the root that set_position made, the ones a search of every
+// move puts within `margin` of the best; returns their count, at least one.
+int moves_near_best(SearchThread* t, int depth, int margin, u32* chosen) {
+    const int saved = engine_options.multi_pv;
+    engine_options.multi_pv = MAX_MOVES;
+    u32 best = 0;
+    search_fixed_depth(t, depth, &best);
+    engine_options.multi_pv = saved;
+    const int count = int(t->root_end - t->root_moves);
+    int n = 0;
+    for (int i = 0; i < count; ++i)
+        if (t->root_scores[i] >= t->root_scores[0] - margin) chosen[n++] = t->root_moves[i].move;
+    return n;
+}
+
+// Plays the opening moves, drawn from every legal move or from those near the best;
+// false when the line runs into a finished game.
+bool random_opening(const Options& o, SearchThread* t, Rng& rng, const std::string& fen, int plies,
+                    std::string* moves, long* nodes) {
     set_position(t, fen.c_str(), "");
     for (int i = 0; i < plies; ++i) {
         ScoredMove list[MAX_MOVES];
         ScoredMove* end = gen_legal(t->top, list);
         if (end == list) return false;
-        const u32 m = list[rng.below(int(end - list))].move;
+        u32 m;
+        if (o.opening_margin > 0) {
+            // The search leaves its root where set_position put it, which a move made
+            // here would not be.
+            set_position(t, fen.c_str(), moves->c_str());
+            u32 near[MAX_MOVES];
+            const int n = moves_near_best(t, o.opening_depth, o.opening_margin, near);
+            *nodes += t->nodes.load(std::memory_order_relaxed);
+            m = near[rng.below(n)];
+        } else {
+            m = list[rng.below(int(end - list))].move;
+        }
         char text[8];
         move_text(t->top, m, text);
         *moves += text;
@@ -159,7 +196,7 @@ int play_game(const Options& o, Rng& rng, const std::vector<std::string>& openin
             fen = START_FEN;
             opening_plies = o.random_plies - rng.below(2);
         }
-    } while (!fen_is_acceptable(fen.c_str()) || !random_opening(t, rng, fen, opening_plies, &moves) ||
+    } while (!fen_is_acceptable(fen.c_str()) || !random_opening(o, t, rng, fen, opening_plies, &moves, nodes) ||
              !balanced_opening(o, t, fen, moves, nodes));
 
 
@@ -285,7 +322,8 @@ void usage() {
     std::fprintf(stderr,
                  "usage: vestra-datagen --out DIR --positions N [--workers W] [--depth D] [--hash MB]\n"
                  "                      [--random-plies R] [--openings FILE] [--seed S] [--cap X]\n"
-                 "                      [--balance X] [--sample K] [--play-depth D]\n");
+                 "                      [--balance X] [--sample K] [--play-depth D]\n"
+                 "                      [--opening-margin M] [--opening-depth D]\n");
 }
 
 }  // namespace
@@ -307,6 +345,8 @@ int main(int argc, char** argv) {
         else if (a == "--balance" && has) o.balance = std::clamp(std::atoi(argv[++i]), 0, 30000);
         else if (a == "--sample" && has) o.sample = std::clamp(std::atoi(argv[++i]), 1, 1000);
         else if (a == "--play-depth" && has) o.play_depth = std::clamp(std::atoi(argv[++i]), 1, 60);
+        else if (a == "--opening-margin" && has) o.opening_margin = std::clamp(std::atoi(argv[++i]), 0, 30000);
+        else if (a == "--opening-depth" && has) o.opening_depth = std::clamp(std::atoi(argv[++i]), 1, 20);
         else {
             usage();
             return 2;

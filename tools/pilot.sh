@@ -24,6 +24,8 @@
 #
 # All at the chain's scale (`--scale 204`, scores times 0.94 to hold the drift; see
 # tools/TRAINING.md, *Evaluation scale*), F and RK4 with three tenths of game result.
+# SCORE_SCALE replaces the 0.94 for records played by a net of another size: for a
+# player that is PARENT with its output times X, 0.94 / X brings them to PARENT's.
 # Prints each one's held-out losses, then every image (PARENT's too) scored on the tails
 # against that target, the scores alone and the results alone, the SHA-256 of its best
 # image, how much of the first layer moved and how large its evaluations are against
@@ -35,6 +37,7 @@ seed=1
 if [ "${1:-}" = --seed ]; then seed=${2:?--seed needs a number}; shift 2; fi
 [ $# -ge 3 ] || { sed -n '2,/^[^#]/{/^#/p}' "$0"; exit 2; }
 gens=$1 parent=$(realpath "$2") out=$3 epochs=${4:-2}
+score_scale=${SCORE_SCALE:-0.94}
 bin=$root/build/tools
 suffix=
 [ "$seed" = 1 ] || suffix=s$seed
@@ -69,7 +72,7 @@ for h in "$out"/head-*.bin; do
 done
 
 common=(--init "$parent" --scale 204 --lambda 0.7 --batch 4096 --threads 1 --lr 0.0005 --lr-end 0
-        --epochs "$epochs" --score-scale 0.94 --seed "$seed")
+        --epochs "$epochs" --score-scale "$score_scale" --seed "$seed")
 rk=(--row-lr 1 --shared-lr 1 --row-anchor 4 --shared-anchor 4)
 runs=() pids=()
 train() {
@@ -99,7 +102,7 @@ score() {
   local image=$1 lambda=$2; shift 2
   [ $# -gt 0 ] || set -- "${held[@]}"
   "$root/tools/idle.sh" "$bin/vestra-train" --out "$out/score" --init "$image" --scale 204 --lambda "$lambda" \
-    --threads 1 --epochs 0 --score-scale 0.94 "$first_tail" "$@" | sed -n 's/^validation loss at start: //p'
+    --threads 1 --epochs 0 --score-scale "$score_scale" "$first_tail" "$@" | sed -n 's/^validation loss at start: //p'
 }
 # three_losses IMAGE [TAIL_ARGS...]: its losses against 0.7, the scores alone and the results
 # alone, on those tails (all of them by default).

@@ -144,8 +144,8 @@ bool random_opening(const Options& o, SearchThread* t, Rng& rng, const std::stri
         if (end == list) return false;
         u32 m;
         if (o.opening_margin > 0) {
-            // The search leaves its root where set_position put it, which a move made
-            // here would not be.
+            // The search's root and its list of moves come from set_position, not from
+            // the moves made here.
             set_position(t, fen.c_str(), moves->c_str());
             u32 near[MAX_MOVES];
             const int n = moves_near_best(t, o.opening_depth, o.opening_margin, near);

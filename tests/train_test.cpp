@@ -356,7 +356,8 @@ TEST(TrainNet, QuantisedImageStaysInRange) {
 
 // Self-play games from random openings: with --balance the openings that the search
 // finds lopsided are turned away, without it a good share of games begins a pawn or
-// more from level. The first record of a game at the opening's own ply is the
+// more from level, and openings drawn from moves near the best begin level without
+// the check. The first record of a game at the opening's own ply is the
 // opening position (or the one after it), scored by the game's first search. With
 // --sample only about one position in K is recorded, so a game leaves a fraction of
 // the records.

@@ -56,7 +56,9 @@ if ! compgen -G "$out/head-*.bin" > /dev/null; then
       n=$(($(stat -c %s "$part") / 32))
       h=$((n * 95 / 100))
       head -c $((h * 32)) "$part" > "$out/head-$p.bin"
-      tail -c +$((h * 32 + 1)) "$part" | head -c $(((n - h) * 32)) > "$out/tail-$p.bin"
+      # head reads the file and tail the pipe, so a part that self-play is still
+      # growing cannot end the pipe early.
+      head -c $((n * 32)) "$part" | tail -c +$((h * 32 + 1)) > "$out/tail-$p.bin"
     done
   done
 fi

@@ -1,0 +1,94 @@
+#!/usr/bin/env bash
+# Asks whether what a net learns from one session's games survives the next session's
+# training, so that a chain of nets can carry the games of many machines in its weights
+# when the records themselves are lost with each machine. Each part of a generation is
+# cut into A (its first 47.5 %), B (the next 47.5 %) and T (its last 5 %); then, for the
+# recipes F and RK4 of tools/pilot.sh:
+#
+#   A     PARENT trained on A alone
+#   A>B   A's best image trained on B alone, as the next session would train it
+#   AB    PARENT trained on A and B together, which no session can do once A is gone
+#
+# and PARENT and every image are scored on T, games that none of them has seen. If A>B
+# gains on A about as much as AB does, a chain trained one session at a time loses
+# little against keeping every session's records.
+#
+#   tools/stream-pilot.sh [--seed N] GEN PARENT OUT_DIR [EPOCHS]
+#
+# SCORE_SCALE as in tools/pilot.sh (0.94 by default; 0.94 / X for a player that is a net
+# of X times PARENT's size).
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+. "$root/tools/work-dir.sh"
+seed=1
+if [ "${1:-}" = --seed ]; then seed=${2:?--seed needs a number}; shift 2; fi
+[ $# -ge 3 ] || { sed -n '2,/^[^#]/{/^#/p}' "$0"; exit 2; }
+gen=$1 parent=$(realpath "$2") out=$3 epochs=${4:-2}
+score_scale=${SCORE_SCALE:-0.94}
+bin=$root/build/tools
+suffix=
+[ "$seed" = 1 ] || suffix=s$seed
+mkdir -p "$out"
+
+# The cut is made once, so that a second seed trains on the same games.
+if ! compgen -G "$out/A-*.bin" > /dev/null; then
+  for part in "$work/gen$gen"/data/part-*.bin; do
+    p=$(basename "$part" .bin)
+    n=$(($(stat -c %s "$part") / 32))
+    a=$((n * 475 / 1000)) b=$((n * 95 / 100))
+    # head reads the file and tail the pipe, so a part that self-play is still growing
+    # cannot end the pipe early.
+    head -c $((a * 32)) "$part" > "$out/A-$p.bin"
+    head -c $((b * 32)) "$part" | tail -c +$((a * 32 + 1)) > "$out/B-$p.bin"
+    head -c $((n * 32)) "$part" | tail -c +$((b * 32 + 1)) > "$out/T-$p.bin"
+  done
+fi
+held=()
+for t in "$out"/T-*.bin; do held+=(--held-out "$t"); done
+a_files=("$out"/A-*.bin) b_files=("$out"/B-*.bin)
+echo "A: $(cat "${a_files[@]}" | wc -c | awk '{print $1 / 32}') records," \
+  "B: $(cat "${b_files[@]}" | wc -c | awk '{print $1 / 32}'), T: $((${#held[@]} / 2)) tails"
+
+common=(--scale 204 --lambda 0.7 --batch 4096 --threads 1 --lr 0.0005 --lr-end 0
+        --epochs "$epochs" --score-scale "$score_scale" --seed "$seed")
+f=(--row-lr 0 --shared-lr 0)
+rk=(--row-lr 1 --shared-lr 1 --row-anchor 4 --shared-anchor 4)
+# train NAME INIT RECIPE... -- FILES...: one run at idle priority, in the background.
+pids=() names=()
+train() {
+  local name=$1$suffix init=$2; shift 2
+  local args=()
+  while [ "$1" != -- ]; do args+=("$1"); shift; done
+  shift
+  "$root/tools/idle.sh" "$bin/vestra-train" --out "$out/$name" --init "$init" "${common[@]}" \
+    "${args[@]}" "$@" "${held[@]}" > "$out/$name.log" 2>&1 &
+  pids+=($!) names+=("$name")
+}
+wait_all() {
+  for i in "${!pids[@]}"; do
+    wait "${pids[i]}" || { echo "${names[i]} failed: $out/${names[i]}.log"; exit 1; }
+  done
+  pids=() names=()
+}
+train F-A "$parent" "${f[@]}" -- "${a_files[@]}"
+train RK4-A "$parent" "${rk[@]}" -- "${a_files[@]}"
+wait_all
+train F-AB "$parent" "${f[@]}" -- "${a_files[@]}" "${b_files[@]}"
+train F-A-B "$out/F-A$suffix-best.nnue" "${f[@]}" -- "${b_files[@]}"
+wait_all
+train RK4-AB "$parent" "${rk[@]}" -- "${a_files[@]}" "${b_files[@]}"
+train RK4-A-B "$out/RK4-A$suffix-best.nnue" "${rk[@]}" -- "${b_files[@]}"
+wait_all
+
+score() {
+  "$root/tools/idle.sh" "$bin/vestra-train" --out "$out/score" --init "$1" --scale 204 --lambda "$2" \
+    --threads 1 --epochs 0 --score-scale "$score_scale" "${held[1]}" "${held[@]}" |
+    sed -n 's/^validation loss at start: //p'
+}
+echo "on T, against 0.7 / the scores alone:"
+echo "  parent $(score "$parent" 0.7) / $(score "$parent" 1)"
+for run in F-A F-A-B F-AB RK4-A RK4-A-B RK4-AB; do
+  image=$out/$run$suffix-best.nnue
+  echo "  ${run/-A-B/-A>B}$suffix $(score "$image" 0.7) / $(score "$image" 1)" \
+    "(image $(sha256sum "$image" | cut -c1-12))"
+done

@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Asks whether what a net learns from one session's games survives the next session's
 # training, so that a chain of nets can carry the games of many machines in its weights
-# when the records themselves are lost with each machine. Each part of a generation is
-# cut into A (its first 47.5 %), B (the next 47.5 %) and T (its last 5 %); then, for the
-# recipes F and RK4 of tools/pilot.sh:
+# when the records themselves are lost with each machine. The last part of a generation
+# (the games of its last worker) is held out whole as T, so that the small gains of a
+# session's games are measured on tens of thousands of games instead of a 5 % tail; every
+# other part is cut into A (its first half) and B (the rest). Then, for the recipes F
+# and RK4 of tools/pilot.sh:
 #
 #   A     PARENT trained on A alone
 #   A>B   A's best image trained on B alone, as the next session would train it
@@ -32,22 +34,27 @@ mkdir -p "$out"
 
 # The cut is made once, so that a second seed trains on the same games.
 if ! compgen -G "$out/A-*.bin" > /dev/null; then
-  for part in "$work/gen$gen"/data/part-*.bin; do
+  parts=("$work/gen$gen"/data/part-*.bin)
+  [ ${#parts[@]} -ge 2 ] || { echo "generation $gen needs two parts or more"; exit 1; }
+  for part in "${parts[@]}"; do
     p=$(basename "$part" .bin)
     n=$(($(stat -c %s "$part") / 32))
-    a=$((n * 475 / 1000)) b=$((n * 95 / 100))
     # head reads the file and tail the pipe, so a part that self-play is still growing
     # cannot end the pipe early.
+    if [ "$part" = "${parts[-1]}" ]; then
+      head -c $((n * 32)) "$part" > "$out/T-$p.bin"
+      continue
+    fi
+    a=$((n / 2))
     head -c $((a * 32)) "$part" > "$out/A-$p.bin"
-    head -c $((b * 32)) "$part" | tail -c +$((a * 32 + 1)) > "$out/B-$p.bin"
-    head -c $((n * 32)) "$part" | tail -c +$((b * 32 + 1)) > "$out/T-$p.bin"
+    head -c $((n * 32)) "$part" | tail -c +$((a * 32 + 1)) > "$out/B-$p.bin"
   done
 fi
 held=()
 for t in "$out"/T-*.bin; do held+=(--held-out "$t"); done
 a_files=("$out"/A-*.bin) b_files=("$out"/B-*.bin)
-echo "A: $(cat "${a_files[@]}" | wc -c | awk '{print $1 / 32}') records," \
-  "B: $(cat "${b_files[@]}" | wc -c | awk '{print $1 / 32}'), T: $((${#held[@]} / 2)) tails"
+records() { cat "$@" | wc -c | awk '{print $1 / 32}'; }
+echo "A: $(records "${a_files[@]}") records, B: $(records "${b_files[@]}"), T: $(records "$out"/T-*.bin)"
 
 common=(--scale 204 --lambda 0.7 --batch 4096 --threads 1 --lr 0.0005 --lr-end 0
         --epochs "$epochs" --score-scale "$score_scale" --seed "$seed")

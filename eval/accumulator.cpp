@@ -3,15 +3,13 @@
 #include "eval/accumulator.h"
 #include "eval/kernels.h"
 #include <cstring>
-#include <type_traits>
 
 #ifdef VESTRA_EVAL_AVX2
 #include <immintrin.h>
 #endif
 
-template <class Row>
-static void rows_apply_plain(i16* dst, const i16* src, const Row* const* add, int add_count, const Row* const* sub,
-                             int sub_count) {
+void rows_apply_scalar(i16* dst, const i16* src, const i16* const* add, int add_count, const i16* const* sub,
+                       int sub_count) {
     i16 v[NET_HALF];
     for (int i = 0; i < NET_HALF; ++i) v[i] = src[i];
     // Wrap-around, as the vector code does.
@@ -20,16 +18,6 @@ static void rows_apply_plain(i16* dst, const i16* src, const Row* const* add, in
     for (int s = 0; s < sub_count; ++s)
         for (int i = 0; i < NET_HALF; ++i) v[i] = i16(v[i] - sub[s][i]);
     for (int i = 0; i < NET_HALF; ++i) dst[i] = v[i];
-}
-
-void rows_apply_scalar(i16* dst, const i16* src, const i16* const* add, int add_count, const i16* const* sub,
-                       int sub_count) {
-    rows_apply_plain(dst, src, add, add_count, sub, sub_count);
-}
-
-void rows_apply8_scalar(i16* dst, const i16* src, const i8* const* add, int add_count, const i8* const* sub,
-                        int sub_count) {
-    rows_apply_plain(dst, src, add, add_count, sub, sub_count);
 }
 
 #ifdef VESTRA_EVAL_AVX2
@@ -51,35 +39,18 @@ void rows_apply_avx2(i16* dst, const i16* src, const i16* const* add, int add_co
         for (int k = 0; k < 8; ++k) _mm256_store_si256(reinterpret_cast<__m256i*>(dst + c + 16 * k), r[k]);
     }
 }
-
-void rows_apply8_avx2(i16* dst, const i16* src, const i8* const* add, int add_count, const i8* const* sub,
-                      int sub_count) {
-    auto widened = [](const i8* row, int k) {
-        return _mm256_cvtepi8_epi16(_mm_load_si128(reinterpret_cast<const __m128i*>(row + 16 * k)));
-    };
-    for (int c = 0; c < NET_HALF; c += 128) {
-        __m256i r[8];
-        for (int k = 0; k < 8; ++k) r[k] = _mm256_load_si256(reinterpret_cast<const __m256i*>(src + c + 16 * k));
-        for (int a = 0; a < add_count; ++a)
-            for (int k = 0; k < 8; ++k) r[k] = _mm256_add_epi16(r[k], widened(add[a] + c, k));
-        for (int s = 0; s < sub_count; ++s)
-            for (int k = 0; k < 8; ++k) r[k] = _mm256_sub_epi16(r[k], widened(sub[s] + c, k));
-        for (int k = 0; k < 8; ++k) _mm256_store_si256(reinterpret_cast<__m256i*>(dst + c + 16 * k), r[k]);
-    }
-}
 #endif
 
 namespace {
 
-template <class Row>
-using RowsApply = void (*)(i16*, const i16*, const Row* const*, int, const Row* const*, int);
+using RowsApply = void (*)(i16*, const i16*, const i16* const*, int, const i16* const*, int);
 
 // Rows waiting to be applied to one half; flushed into the half when full.
-template <class Row, RowsApply<Row> apply>
+template <RowsApply apply>
 struct RowBatch {
     static constexpr int CAPACITY = 64;
-    const Row* add[CAPACITY];
-    const Row* sub[CAPACITY];
+    const i16* add[CAPACITY];
+    const i16* sub[CAPACITY];
     int add_count = 0, sub_count = 0;
     i16* dst;
     const i16* src;
@@ -92,14 +63,8 @@ struct RowBatch {
     void need(int more) {
         if (add_count + more > CAPACITY || sub_count + more > CAPACITY) flush();
     }
-    static const Row* row_at(int row) {
-        if constexpr (std::is_same_v<Row, i8>)
-            return working_row8(row);
-        else
-            return working_row(row);
-    }
-    void plus(int row) { add[add_count++] = row_at(row); }
-    void minus(int row) { sub[sub_count++] = row_at(row); }
+    void plus(int row) { add[add_count++] = working_row(row); }
+    void minus(int row) { sub[sub_count++] = working_row(row); }
 };
 
 // Row of a feature code of FeatureDelta for a half whose owner is (own = 1) or is not
@@ -126,9 +91,9 @@ void replay_record(Batch& batch, const FeatureDelta& d, int own, int k) {
     }
 }
 
-template <class Row, RowsApply<Row> apply>
+template <RowsApply apply>
 void refresh_half_with(const Position* pos, int h, i16* half) {
-    RowBatch<Row, apply> batch;
+    RowBatch<apply> batch;
     batch.dst = half;
     batch.src = network_image->feature_biases;
     u64 own = pos->own, enemy = pos->occupied ^ pos->own;
@@ -185,7 +150,7 @@ void reset_king_cache(SearchThread* thread) {
 
 // Half h formed from the cache entry of its king: i16 sums wrap around, so adding and
 // taking away rows in any order gives the sums that refresh_half would.
-template <class Row, RowsApply<Row> apply>
+template <RowsApply apply>
 void refresh_half_cached(SearchThread* thread, const Position* pos, int h, i16* half) {
     if (thread->king_cache_image != network_image || thread->king_cache_generation != network_generation)
         reset_king_cache(thread);
@@ -201,7 +166,7 @@ void refresh_half_cached(SearchThread* thread, const Position* pos, int h, i16* 
     const int colour = ((pos->flags & POS_BLACK) ? 1 : 0) ^ h;
     KingCacheEntry& e = thread->king_cache[colour][k];
 
-    RowBatch<Row, apply> batch;
+    RowBatch<apply> batch;
     batch.dst = e.sums;
     batch.src = e.sums;
     for (int code = PAWN; code <= QUEEN; ++code) {
@@ -232,7 +197,7 @@ void refresh_half_cached(SearchThread* thread, const Position* pos, int h, i16* 
     std::memcpy(half, e.sums, sizeof e.sums);
 }
 
-template <class Row, RowsApply<Row> apply>
+template <RowsApply apply>
 void catch_up_with(SearchThread* thread, int p) {
     PlyRecord* records = thread->ply_records;
     const Position* pos = thread->top;
@@ -252,10 +217,10 @@ void catch_up_with(SearchThread* thread, int p) {
     for (int h = 0; h < 2; ++h) {
         i16* half = records[p].sums[h];
         if (rebuild[h]) {
-            refresh_half_cached<Row, apply>(thread, pos, h, half);
+            refresh_half_cached<apply>(thread, pos, h, half);
             continue;
         }
-        RowBatch<Row, apply> batch;
+        RowBatch<apply> batch;
         batch.dst = half;
         batch.src = records[q].sums[h ^ ((p - q) & 1)];
         for (int j = q; j < p; ++j) replay_record(batch, records[j].delta, h == ((p - j) & 1), kings[h]);
@@ -266,21 +231,6 @@ void catch_up_with(SearchThread* thread, int p) {
 
 }  // namespace
 
-void refresh_half(const Position* pos, int h, i16* half) {
-    if (working_rows8)
-        refresh_half_with<i8, rows_apply8>(pos, h, half);
-    else
-        refresh_half_with<i16, rows_apply>(pos, h, half);
-}
-void catch_up(SearchThread* thread, int ply) {
-    if (working_rows8)
-        catch_up_with<i8, rows_apply8>(thread, ply);
-    else
-        catch_up_with<i16, rows_apply>(thread, ply);
-}
-void catch_up_scalar(SearchThread* thread, int ply) {
-    if (working_rows8)
-        catch_up_with<i8, rows_apply8_scalar>(thread, ply);
-    else
-        catch_up_with<i16, rows_apply_scalar>(thread, ply);
-}
+void refresh_half(const Position* pos, int h, i16* half) { refresh_half_with<rows_apply>(pos, h, half); }
+void catch_up(SearchThread* thread, int ply) { catch_up_with<rows_apply>(thread, ply); }
+void catch_up_scalar(SearchThread* thread, int ply) { catch_up_with<rows_apply_scalar>(thread, ply); }

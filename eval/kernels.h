@@ -28,9 +28,6 @@ struct SearchThread;
 // dst may equal src. All pointers 32-byte aligned.
 void rows_apply_scalar(i16* dst, const i16* src, const i16* const* add, int add_count, const i16* const* sub,
                        int sub_count);
-// The same with rows of bytes, each widened to an i16 (working_rows8).
-void rows_apply8_scalar(i16* dst, const i16* src, const i8* const* add, int add_count, const i8* const* sub,
-                        int sub_count);
 // Output sum (five fractional bits, before the division by 32) of the small layers
 // for the two halves of an accumulator, from the working matrices and the biases of
 // `network_image`.
@@ -39,26 +36,16 @@ i32 network_output_scalar(const i16* half0, const i16* half1);
 #ifdef VESTRA_EVAL_AVX2
 void rows_apply_avx2(i16* dst, const i16* src, const i16* const* add, int add_count, const i16* const* sub,
                      int sub_count);
-void rows_apply8_avx2(i16* dst, const i16* src, const i8* const* add, int add_count, const i8* const* sub,
-                      int sub_count);
 i32 network_output_avx2(const i16* half0, const i16* half1);
 inline void rows_apply(i16* dst, const i16* src, const i16* const* add, int add_count, const i16* const* sub,
                        int sub_count) {
     rows_apply_avx2(dst, src, add, add_count, sub, sub_count);
-}
-inline void rows_apply8(i16* dst, const i16* src, const i8* const* add, int add_count, const i8* const* sub,
-                        int sub_count) {
-    rows_apply8_avx2(dst, src, add, add_count, sub, sub_count);
 }
 inline i32 network_output(const i16* half0, const i16* half1) { return network_output_avx2(half0, half1); }
 #else
 inline void rows_apply(i16* dst, const i16* src, const i16* const* add, int add_count, const i16* const* sub,
                        int sub_count) {
     rows_apply_scalar(dst, src, add, add_count, sub, sub_count);
-}
-inline void rows_apply8(i16* dst, const i16* src, const i8* const* add, int add_count, const i8* const* sub,
-                        int sub_count) {
-    rows_apply8_scalar(dst, src, add, add_count, sub, sub_count);
 }
 inline i32 network_output(const i16* half0, const i16* half1) { return network_output_scalar(half0, half1); }
 #endif

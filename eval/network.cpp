@@ -15,14 +15,11 @@ alignas(64) i8 hidden2_working[NET_HIDDEN2][NET_HIDDEN1];
 alignas(64) i8 output_working[NET_HIDDEN2];
 u32 network_generation = 0;
 const i16* working_rows = nullptr;
-const i8* working_rows8 = nullptr;
 
-// One block of each width for the life of the process, in large pages where the system
-// gives them; made when first needed.
-template <class T>
-static T* working_rows_block() {
-    constexpr u64 size = u64(NET_FEATURES + 2) * NET_HALF * sizeof(T);
-    static T* block = nullptr;
+// One block for the life of the process, in large pages where the system gives them.
+static i16* working_rows_block() {
+    constexpr u64 size = u64(NET_FEATURES + 2) * NET_HALF * sizeof(i16);
+    static i16* block = nullptr;
     if (!block) {
         i64 mapped = 0;
         void* p = large_pages_alloc(size, &mapped);
@@ -32,20 +29,9 @@ static T* working_rows_block() {
             std::fflush(stdout);
             std::exit(1);
         }
-        block = static_cast<T*>(p);
+        block = static_cast<i16*>(p);
     }
     return block;
-}
-
-template <class T>
-static T* copy_working_rows() {
-    T* rows = working_rows_block<T>();
-    for (int row = 0; row < NET_FEATURES + 2; ++row) {
-        const i16* from = network_row(network_image, row);
-        T* to = rows + size_t(working_row_number(row)) * NET_HALF;
-        for (int i = 0; i < NET_HALF; ++i) to[i] = T(from[i]);
-    }
-    return rows;
 }
 
 alignas(64) i8 hidden1_by_group[NET_INPUTS / 4][NET_HIDDEN1][4];
@@ -74,15 +60,11 @@ void network_startup_check() {
     std::memcpy(hidden1_working, network_image->hidden1_weights, sizeof hidden1_working);
     std::memcpy(hidden2_working, network_image->hidden2_weights, sizeof hidden2_working);
     std::memcpy(output_working, network_image->output_weights, sizeof output_working);
-    const i16* first = network_row(network_image, 0);
-    const auto [low, high] = std::minmax_element(first, first + size_t(NET_FEATURES + 2) * NET_HALF);
-    if (*low >= -128 && *high <= 127) {
-        working_rows8 = copy_working_rows<i8>();
-        working_rows = nullptr;
-    } else {
-        working_rows = copy_working_rows<i16>();
-        working_rows8 = nullptr;
-    }
+    i16* rows = working_rows_block();
+    for (int row = 0; row < NET_FEATURES + 2; ++row)
+        std::memcpy(rows + size_t(working_row_number(row)) * NET_HALF, network_row(network_image, row),
+                    NET_HALF * sizeof(i16));
+    working_rows = rows;
     for (int i = 0; i < NET_INPUTS; ++i)
         for (int j = 0; j < NET_HIDDEN1; ++j) hidden1_by_group[i / 4][j][i % 4] = hidden1_working[j][i];
     for (int i = 0; i < NET_HIDDEN1; ++i)

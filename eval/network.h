@@ -81,16 +81,9 @@ constexpr int feature_row(int plane, int square, int king) { return plane * 4096
 // 40,960. The image keeps the king square in the low field, which puts the 640 rows of
 // one king 32 KB apart, where they compete for a few sets of every cache; here they fill
 // 320 KB of their own. Refreshed by the start-up check.
-// When every piece and castling weight fits in a byte (a trained net's lie within
-// about -45..28), the rows are kept as bytes instead, in working_rows8, and
-// working_rows is null: a move's rows are then half the bytes to fetch, and each byte
-// widens to the i16 it stands for, so the sums are the same. Otherwise working_rows8 is
-// null.
 extern const i16* working_rows;
-extern const i8* working_rows8;
 inline int working_row_number(int row) { return row < NET_FEATURES ? (row & 63) * 640 + (row >> 6) : row; }
 inline const i16* working_row(int row) { return working_rows + size_t(working_row_number(row)) * NET_HALF; }
-inline const i8* working_row8(int row) { return working_rows8 + size_t(working_row_number(row)) * NET_HALF; }
 
 // The image compiled into the program. Only tools point it elsewhere (before the
 // start-up check); the engine never changes it.

@@ -32,16 +32,7 @@
 # PARENT's.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-. "$root/tools/work-dir.sh"
-seed=1
-if [ "${1:-}" = --seed ]; then seed=${2:?--seed needs a number}; shift 2; fi
-[ $# -ge 3 ] || { sed -n '2,/^[^#]/{/^#/p}' "$0"; exit 2; }
-gens=$1 parent=$(realpath "$2") out=$3 epochs=${4:-2}
-score_scale=${SCORE_SCALE:-0.94}
-bin=$root/build/tools
-suffix=
-[ "$seed" = 1 ] || suffix=s$seed
-mkdir -p "$out"
+. "$root/tools/pilot-args.sh"
 
 IFS=+ read -ra gen_list <<< "$gens"
 earlier=" (cut earlier)"

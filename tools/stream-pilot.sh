@@ -21,16 +21,8 @@
 # of X times PARENT's size).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-. "$root/tools/work-dir.sh"
-seed=1
-if [ "${1:-}" = --seed ]; then seed=${2:?--seed needs a number}; shift 2; fi
-[ $# -ge 3 ] || { sed -n '2,/^[^#]/{/^#/p}' "$0"; exit 2; }
-gen=$1 parent=$(realpath "$2") out=$3 epochs=${4:-2}
-score_scale=${SCORE_SCALE:-0.94}
-bin=$root/build/tools
-suffix=
-[ "$seed" = 1 ] || suffix=s$seed
-mkdir -p "$out"
+. "$root/tools/pilot-args.sh"
+gen=$gens
 
 # The cut is made once, so that a second seed trains on the same games.
 if ! compgen -G "$out/A-*.bin" > /dev/null; then

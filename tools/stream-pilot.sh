@@ -13,7 +13,9 @@
 #
 # and PARENT and every image are scored on T, games that none of them has seen. If A>B
 # gains on A about as much as AB does, a chain trained one session at a time loses
-# little against keeping every session's records.
+# little against keeping every session's records. Each run keeps the image of its best
+# epoch on T, its starting image included, so none scores worse than where it started;
+# the epochs' own losses are in OUT_DIR/<run>.log.
 #
 #   tools/stream-pilot.sh [--seed N] GEN PARENT OUT_DIR [EPOCHS]
 #

@@ -32,7 +32,7 @@
 # PARENT's.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-. "$root/tools/pilot-args.sh"
+. "$root/tools/pilot-common.sh"
 
 IFS=+ read -ra gen_list <<< "$gens"
 earlier=" (cut earlier)"
@@ -64,9 +64,7 @@ for h in "$out"/head-*.bin; do
     "$(($(stat -c %s "$t") / 32)) held out$earlier"
 done
 
-common=(--init "$parent" --scale 204 --lambda 0.7 --batch 4096 --threads 1 --lr 0.0005 --lr-end 0
-        --epochs "$epochs" --score-scale "$score_scale" --seed "$seed")
-rk=(--row-lr 1 --shared-lr 1 --row-anchor 4 --shared-anchor 4)
+common=(--init "$parent" "${train_common[@]}")
 runs=() pids=()
 train() {
   local name=$1$suffix; shift
@@ -74,10 +72,10 @@ train() {
     "${heads[@]}" "${held[@]}" > "$out/$name.log" 2>&1 &
   runs+=("$name") pids+=($!)
 }
-train F --row-lr 0 --shared-lr 0
-train RK4 "${rk[@]}"
-train RK4L10 "${rk[@]}" --lambda 1.0
-train RK4L85 "${rk[@]}" --lambda 0.85
+train F "${recipe_f[@]}"
+train RK4 "${recipe_rk4[@]}"
+train RK4L10 "${recipe_rk4[@]}" --lambda 1.0
+train RK4L85 "${recipe_rk4[@]}" --lambda 0.85
 # Waiting on each job by its own pid hands a failed training's status to set -e, instead of
 # going on to score images that were never written.
 for i in "${!runs[@]}"; do
@@ -89,14 +87,6 @@ newest=()
 if [ ${#gen_list[@]} -gt 1 ]; then
   for t in "$out/tail-g${gen_list[-1]}"-*.bin; do newest+=(--held-out "$t"); done
 fi
-# score IMAGE LAMBDA [TAIL_ARGS...]: the image's quantised loss against that target on
-# those tails (all of them by default).
-score() {
-  local image=$1 lambda=$2; shift 2
-  [ $# -gt 0 ] || set -- "${held[@]}"
-  "$root/tools/idle.sh" "$bin/vestra-train" --out "$out/score" --init "$image" --scale 204 --lambda "$lambda" \
-    --threads 1 --epochs 0 --score-scale "$score_scale" "$first_tail" "$@" | sed -n 's/^validation loss at start: //p'
-}
 # three_losses IMAGE [TAIL_ARGS...]: its losses against 0.7, the scores alone and the results
 # alone, on those tails (all of them by default).
 three_losses() {

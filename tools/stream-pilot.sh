@@ -23,7 +23,7 @@
 # of X times PARENT's size).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-. "$root/tools/pilot-args.sh"
+. "$root/tools/pilot-common.sh"
 gen=$gens
 
 # The cut is made once, so that a second seed trains on the same games.
@@ -47,13 +47,9 @@ fi
 held=()
 for t in "$out"/T-*.bin; do held+=(--held-out "$t"); done
 a_files=("$out"/A-*.bin) b_files=("$out"/B-*.bin)
-records() { cat "$@" | wc -c | awk '{print $1 / 32}'; }
+records() { local n=0 f; for f; do n=$((n + $(stat -c %s "$f") / 32)); done; echo "$n"; }
 echo "A: $(records "${a_files[@]}") records, B: $(records "${b_files[@]}"), T: $(records "$out"/T-*.bin)"
 
-common=(--scale 204 --lambda 0.7 --batch 4096 --threads 1 --lr 0.0005 --lr-end 0
-        --epochs "$epochs" --score-scale "$score_scale" --seed "$seed")
-f=(--row-lr 0 --shared-lr 0)
-rk=(--row-lr 1 --shared-lr 1 --row-anchor 4 --shared-anchor 4)
 # train NAME INIT RECIPE... -- FILES...: one run at idle priority, in the background.
 pids=() names=()
 train() {
@@ -61,7 +57,7 @@ train() {
   local args=()
   while [ "$1" != -- ]; do args+=("$1"); shift; done
   shift
-  "$root/tools/idle.sh" "$bin/vestra-train" --out "$out/$name" --init "$init" "${common[@]}" \
+  "$root/tools/idle.sh" "$bin/vestra-train" --out "$out/$name" --init "$init" "${train_common[@]}" \
     "${args[@]}" "$@" "${held[@]}" > "$out/$name.log" 2>&1 &
   pids+=($!) names+=("$name")
 }
@@ -71,21 +67,16 @@ wait_all() {
   done
   pids=() names=()
 }
-train F-A "$parent" "${f[@]}" -- "${a_files[@]}"
-train RK4-A "$parent" "${rk[@]}" -- "${a_files[@]}"
+train F-A "$parent" "${recipe_f[@]}" -- "${a_files[@]}"
+train RK4-A "$parent" "${recipe_rk4[@]}" -- "${a_files[@]}"
 wait_all
-train F-AB "$parent" "${f[@]}" -- "${a_files[@]}" "${b_files[@]}"
-train F-A-B "$out/F-A$suffix-best.nnue" "${f[@]}" -- "${b_files[@]}"
+train F-AB "$parent" "${recipe_f[@]}" -- "${a_files[@]}" "${b_files[@]}"
+train F-A-B "$out/F-A$suffix-best.nnue" "${recipe_f[@]}" -- "${b_files[@]}"
 wait_all
-train RK4-AB "$parent" "${rk[@]}" -- "${a_files[@]}" "${b_files[@]}"
-train RK4-A-B "$out/RK4-A$suffix-best.nnue" "${rk[@]}" -- "${b_files[@]}"
+train RK4-AB "$parent" "${recipe_rk4[@]}" -- "${a_files[@]}" "${b_files[@]}"
+train RK4-A-B "$out/RK4-A$suffix-best.nnue" "${recipe_rk4[@]}" -- "${b_files[@]}"
 wait_all
 
-score() {
-  "$root/tools/idle.sh" "$bin/vestra-train" --out "$out/score" --init "$1" --scale 204 --lambda "$2" \
-    --threads 1 --epochs 0 --score-scale "$score_scale" "${held[1]}" "${held[@]}" |
-    sed -n 's/^validation loss at start: //p'
-}
 echo "on T, against 0.7 / the scores alone:"
 echo "  parent $(score "$parent" 0.7) / $(score "$parent" 1)"
 for run in F-A F-A-B F-AB RK4-A RK4-A-B RK4-AB; do

@@ -5,5 +5,11 @@
 
 // Brings the sums of ply p up to date from the nearest computed ancestor.
 void catch_up(SearchThread* thread, int ply);
-// Static evaluation of the top position, side to move's view.
+// The same, but leaves sums that are already up to date as they are. The search forms a
+// node's sums before its table probe, so that the work fills the wait for the slot
+// that make_move asked for, and evaluates from them afterwards.
+void form_sums(SearchThread* thread, int ply);
+// Static evaluation of the top position, side to move's view, from freshly formed sums.
 i32 evaluate(SearchThread* thread, int ply);
+// The same from the sums of the ply as they stand when formed, for the search.
+i32 evaluate_formed(SearchThread* thread, int ply);

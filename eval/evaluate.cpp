@@ -248,6 +248,7 @@ i32 evaluate_with(SearchThread* thread, int ply) {
 }  // namespace
 
 i32 evaluate(SearchThread* thread, int ply) { return evaluate_with<catch_up, network_output>(thread, ply); }
+i32 evaluate_formed(SearchThread* thread, int ply) { return evaluate_with<form_sums, network_output>(thread, ply); }
 i32 evaluate_scalar(SearchThread* thread, int ply) {
     return evaluate_with<catch_up_scalar, network_output_scalar>(thread, ply);
 }

@@ -469,6 +469,8 @@ i32 search(SearchThread* t, i32 node_type, int ply, int depth, i32 alpha, i32 be
 
     // Probe.
     u64 data;
+    // The sums are formed while the slot that make_move asked for is on its way.
+    if (!in_check && t->static_eval[ply] == NO_SCORE) form_sums(t, ply);
     const bool tt_hit = tt_read(key, &data);
     i32 tt_s = NO_SCORE;
     int tt_d = 0;
@@ -522,7 +524,7 @@ i32 search(SearchThread* t, i32 node_type, int ply, int depth, i32 alpha, i32 be
 
     // Static evaluation.
     if (t->static_eval[ply] == NO_SCORE && !in_check) {
-        t->static_eval[ply] = evaluate(t, ply);
+        t->static_eval[ply] = evaluate_formed(t, ply);
         node_eval = t->static_eval[ply];
     }
     const i32 se = t->static_eval[ply];
@@ -709,6 +711,7 @@ i32 qsearch(SearchThread* t, i32 node_type, int ply, int depth, i32 alpha, i32 b
     u64 data;
     u32 packed = 0;
     i32 node_eval = t->static_eval[ply];
+    if (!in_check && node_eval == NO_SCORE) form_sums(t, ply);
     if (tt_read(pos->key, &data)) {
         i32 s = score_from_tt(tt_score(data), ply);
         int d = tt_depth_byte(data) - 128;
@@ -751,7 +754,7 @@ i32 qsearch(SearchThread* t, i32 node_type, int ply, int depth, i32 alpha, i32 b
     u32 best_move = 0;
     if (!in_check) {
         if (t->static_eval[ply] == NO_SCORE) {
-            t->static_eval[ply] = evaluate(t, ply);
+            t->static_eval[ply] = evaluate_formed(t, ply);
             node_eval = t->static_eval[ply];
         }
         best_score = node_eval;

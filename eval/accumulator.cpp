@@ -234,6 +234,6 @@ void catch_up_with(SearchThread* thread, int p) {
 void refresh_half(const Position* pos, int h, i16* half) { refresh_half_with<rows_apply>(pos, h, half); }
 void catch_up(SearchThread* thread, int ply) { catch_up_with<rows_apply>(thread, ply); }
 void form_sums(SearchThread* thread, int ply) {
-    if (!thread->ply_records[ply].computed) catch_up_with<rows_apply>(thread, ply);
+    if (!thread->ply_records[ply].computed) catch_up(thread, ply);
 }
 void catch_up_scalar(SearchThread* thread, int ply) { catch_up_with<rows_apply_scalar>(thread, ply); }

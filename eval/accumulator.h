@@ -11,5 +11,6 @@ void catch_up(SearchThread* thread, int ply);
 void form_sums(SearchThread* thread, int ply);
 // Static evaluation of the top position, side to move's view, from freshly formed sums.
 i32 evaluate(SearchThread* thread, int ply);
-// The same from the sums of the ply as they stand when formed, for the search.
+// The same, but through form_sums: sums the search formed before its probe are used as
+// they are instead of formed a second time.
 i32 evaluate_formed(SearchThread* thread, int ply);
